@@ -1,0 +1,14 @@
+#pragma once
+
+// Conversions between the platform's wide strings (UTF-32 on Linux) and UTF-8, the encoding of
+// every narrow string in the library. Invalid code points are dropped.
+
+#include <string>
+#include <string_view>
+
+namespace Tarn::strings::internal {
+
+std::string to_utf8(std::wstring_view text);
+std::wstring to_wide(std::string_view utf8);
+
+}  // namespace Tarn::strings::internal
