@@ -1,0 +1,56 @@
+#include "tarnio/bf/disk_file_access.h"
+
+#include <array>
+#include <stdexcept>
+
+#include "tarnio/errors/internal/raise.h"
+
+namespace Tarn::bf {
+
+namespace {
+
+using Prefix = std::array<unsigned char, 4>;
+
+// The bytes between the position and the end of the file; the position is left unchanged.
+std::uint64_t bytes_left(DiskFileAccess& file) {
+  const std::uint64_t pos = file.tell();
+  const std::uint64_t end = file.seek(DiskFileAccess::kNpos);
+  file.seek(pos);
+  if (pos == DiskFileAccess::kNpos || end == DiskFileAccess::kNpos || end < pos) return 0;
+  return end - pos;
+}
+
+}  // namespace
+
+void DiskFileAccess::read_str(std::string& s, std::uint64_t n) {
+  if (n == kNpos) {
+    Prefix prefix{};
+    read(prefix.data(), prefix.size());
+    n = std::uint64_t{prefix[0]} | std::uint64_t{prefix[1]} << 8 | std::uint64_t{prefix[2]} << 16 |
+        std::uint64_t{prefix[3]} << 24;
+  }
+  if (n == 0) {
+    s.clear();
+    return;
+  }
+  if (n > bytes_left(*this)) {
+    errors::internal::throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
+  }
+  s.resize(n);
+  read(s.data(), n);
+}
+
+void DiskFileAccess::write_str(const std::string& s, bool with_length) {
+  if (with_length) {
+    if (s.size() > std::numeric_limits<std::uint32_t>::max()) {
+      throw std::length_error("String too long for a 4-byte length.");
+    }
+    const Prefix prefix{
+        static_cast<unsigned char>(s.size()), static_cast<unsigned char>(s.size() >> 8),
+        static_cast<unsigned char>(s.size() >> 16), static_cast<unsigned char>(s.size() >> 24)};
+    write(prefix.data(), prefix.size());
+  }
+  write(s.data(), s.size());
+}
+
+}  // namespace Tarn::bf
