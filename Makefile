@@ -1,0 +1,58 @@
+# Set-up, build and test of the library on a Debian machine. `make demo` and `make test` are
+# all a fresh machine needs: both install missing packages first.
+
+BUILD ?= build
+SANITIZE_BUILD ?= build-sanitize
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+# The Debian packages the build needs.
+PACKAGES := cmake make g++ pkg-config zlib1g-dev libfmt-dev libboost-dev libgtest-dev \
+            libgmock-dev libbenchmark-dev libcli11-dev
+
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+.PHONY: all deps configure build test demo bench sanitize format clean
+
+all: build
+
+# Installs what is missing; says nothing and asks nothing when all is there.
+deps:
+	@missing=""; \
+	for p in $(PACKAGES); do \
+	  [ "$$(dpkg-query -W -f='$${db:Status-Status}' $$p 2>/dev/null)" = installed ] || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get update -qq && \
+	  $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+configure: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DTARNIO_BUILD_BENCHMARKS=ON \
+	  -DTARNIO_WERROR=ON $(CMAKE_FLAGS) > /dev/null
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+demo: build
+	$(BUILD)/tools/tarn/tarn types
+
+bench: build
+	$(BUILD)/bench/tarnio_convert_benchmark
+
+sanitize: deps
+	@cmake -S . -B $(SANITIZE_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARNIO_SANITIZE=ON \
+	  -DTARNIO_WERROR=ON $(CMAKE_FLAGS) > /dev/null
+	cmake --build $(SANITIZE_BUILD) -j $(JOBS)
+	ctest --test-dir $(SANITIZE_BUILD) --output-on-failure -j $(JOBS)
+
+# Rewrites the sources in the project's format.
+format:
+	git ls-files '*.h' '*.cc' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD) $(SANITIZE_BUILD)

@@ -1,0 +1,23 @@
+// Uses the installed library as a user would: exits 0 when the element types and the errors
+// answer as documented.
+
+#include <tarnio/arrays/data_type.h>
+#include <tarnio/errors/last_error.h>
+#include <tarnio/errors/tarn_error.h>
+#include <tarnio/version.h>
+
+#include <cstdio>
+#include <cstring>
+
+int main() {
+  if (tarn_dt_get_size(tarn_dt_from_name("double")) != 8) return 1;
+  try {
+    tarn_err("consumer check", nullptr, nullptr, 0);
+  } catch (const TarnError& error) {
+    if (error.message() != "consumer check") return 2;
+    error.process();
+  }
+  if (std::strcmp(tarn_get_last_error_string(), "ERROR\n    consumer check") != 0) return 3;
+  std::printf("tarnio %s\n", TARNIO_VERSION_STRING);
+  return 0;
+}
