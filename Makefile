@@ -8,7 +8,7 @@ CMAKE_FLAGS ?=
 
 # The Debian packages the build needs.
 PACKAGES := cmake make g++ pkg-config zlib1g-dev libfmt-dev libboost-dev libgtest-dev \
-            libgmock-dev libbenchmark-dev libcli11-dev
+            libgmock-dev libbenchmark-dev libcli11-dev clang-format
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 

@@ -11,7 +11,7 @@ namespace {
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 TarnError make_error(const char* message, const char* function, const char* file, int line) {
   TarnError error(function, file, line);
-  error(message != nullptr ? message : "");
+  error(message);
   return error;
 }
 #pragma GCC diagnostic pop

@@ -86,6 +86,10 @@ TarnError::~TarnError() {
 }
 
 TarnError& TarnError::operator()(const char* format, ...) {
+  if (format == nullptr) {
+    message_.clear();
+    return *this;
+  }
   va_list args;
   va_start(args, format);
   message_ = format_bounded(format, args);

@@ -28,7 +28,8 @@ class TARNIO_EXPORT TarnError : public std::exception {
   TarnError& operator=(const TarnError& other);
   ~TarnError() override;
 
-  // Formats like printf (at most 4095 characters are kept) and replaces the message.
+  // Formats like printf (at most 4095 characters are kept) and replaces the message; a null
+  // format empties it.
   TarnError& operator()(const char* format, ...) __attribute__((format(printf, 2, 3)));
   TarnError& operator()(const std::string& message);
   // Converts wide text to UTF-8.
