@@ -8,7 +8,8 @@ CMAKE_FLAGS ?=
 
 # The Debian packages the build needs.
 PACKAGES := cmake make g++ pkg-config zlib1g-dev libfmt-dev libboost-dev libgtest-dev \
-            libgmock-dev libbenchmark-dev libcli11-dev clang-format
+            libgmock-dev libbenchmark-dev libcli11-dev clang-format \
+            nlohmann-json3-dev libpugixml-dev libxml2-utils
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 

@@ -4,7 +4,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_timing.h"
 #include "tarnio/arrays/data_type.h"
 
 namespace {
@@ -69,20 +69,11 @@ std::map<std::size_t, double>& memcpy_seconds() {
   return seconds;
 }
 
-// Runs `body` once per iteration and returns the mean seconds of one.
-template <class Body>
-double timed(benchmark::State& state, Body body) {
-  const auto start = std::chrono::steady_clock::now();
-  for (auto _ : state) body();
-  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-  return elapsed.count() / static_cast<double>(state.iterations());
-}
-
 void memcpy_bench(benchmark::State& state, std::size_t element_size) {
   const std::size_t bytes = kCount * element_size;
   const std::byte* from = source(dt::double_).data();
   std::byte* to = destination().data();
-  memcpy_seconds()[element_size] = timed(state, [&] {
+  memcpy_seconds()[element_size] = tarnio_bench::timed(state, [&] {
     std::memcpy(to, from, bytes);
     benchmark::ClobberMemory();
   });
@@ -94,7 +85,7 @@ void convert_bench(benchmark::State& state, DataType src_dt, DataType dst_dt,
   const std::byte* from = source(src_dt).data();
   std::byte* to = destination().data();
   int result = 0;
-  const double seconds = timed(state, [&] {
+  const double seconds = tarnio_bench::timed(state, [&] {
     result |= tarn_dt_convert_with_strides(src_dt, dst_dt, from, src_stride, to, 1, kCount, nullptr,
                                            nullptr);
     benchmark::ClobberMemory();

@@ -4,6 +4,8 @@
 #include <tarnio/arrays/data_type.h>
 #include <tarnio/errors/last_error.h>
 #include <tarnio/errors/tarn_error.h>
+#include <tarnio/json/read_write.h>
+#include <tarnio/json/xml.h>
 #include <tarnio/version.h>
 
 #include <cstdio>
@@ -18,6 +20,8 @@ int main() {
     error.process();
   }
   if (std::strcmp(tarn_get_last_error_string(), "ERROR\n    consumer check") != 0) return 3;
+  const JSON::Value tags = JSON::read(R"({"Image": [{"ID": "Image:0"}]})");
+  if (JSON::from_xml(JSON::to_xml(tags)) != tags) return 4;
   std::printf("tarnio %s\n", TARNIO_VERSION_STRING);
   return 0;
 }

@@ -1,0 +1,275 @@
+#include "tarnio/json/read_write.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cstdint>
+#include <fstream>
+#include <limits>
+#include <random>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "tarnio/testing/expect_throw_message.h"
+#include "tarnio/testing/temp_dir.h"
+
+namespace JSON {
+namespace {
+
+using namespace std::string_view_literals;
+
+std::string error_of(std::string_view text) {
+  try {
+    read(text);
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+// Text and value of the same canonical (compact) form.
+TEST(JsonReadWrite, CanonicalTextsRoundTrip) {
+  for (const std::string_view text : {
+           "null"sv,
+           "true"sv,
+           "[false,0,-1,1.5,-0.0,1.0,1e+20,5e-324,-1.7976931348623157e+308]"sv,
+           R"({"z":1,"a":{"m":[],"b":{}},"":"x"})"sv,
+           R"(["\"\\\b\f\n\r\t","\u0000\u001f","é😀/"])"sv,
+           "[-9223372036854775808,9223372036854775807,18446744073709551615]"sv,
+       }) {
+    EXPECT_EQ(write(read(text)), text);
+  }
+}
+
+TEST(JsonReadWrite, IndentedFormAndWhiteSpace) {
+  const Value value = read(R"({"a":[1,{},[]],"b":{"c":"x"}})");
+  EXPECT_EQ(write(value, 2), R"({
+  "a": [
+    1,
+    {},
+    []
+  ],
+  "b": {
+    "c": "x"
+  }
+})");
+  EXPECT_EQ(write(value, 0), "{\n\"a\": [\n1,\n{},\n[]\n],\n\"b\": {\n\"c\": \"x\"\n}\n}");
+  EXPECT_EQ(read(" \t\r\n" + write(value, 4) + "\n"), value);
+}
+
+TEST(JsonRead, IntegersKeepTheirExactValue) {
+  const Value min = read("-9223372036854775808");
+  ASSERT_TRUE(min.is_int64());
+  EXPECT_EQ(min.get_int64(), std::numeric_limits<std::int64_t>::min());
+  const Value max = read("9223372036854775807");
+  ASSERT_TRUE(max.is_int64());
+  EXPECT_EQ(max.get_int64(), std::numeric_limits<std::int64_t>::max());
+  const Value above = read("9223372036854775808");
+  ASSERT_TRUE(above.is_uint64());
+  EXPECT_EQ(above.get_uint64(), std::uint64_t{1} << 63);
+  const Value umax = read("18446744073709551615");
+  ASSERT_TRUE(umax.is_uint64());
+  EXPECT_EQ(umax.get_uint64(), std::numeric_limits<std::uint64_t>::max());
+  for (const char* beyond : {"18446744073709551616", "-9223372036854775809", "1.0", "1e2"}) {
+    EXPECT_TRUE(read(beyond).is_double()) << beyond;
+  }
+  EXPECT_EQ(read("18446744073709551616").get_double(), 18446744073709551616.0);
+  EXPECT_EQ(read("-0").get_int64(), 0);
+}
+
+TEST(JsonReadWrite, DoublesReadBackBitIdentical) {
+  std::mt19937_64 generator(20240611);
+  for (int i = 0; i < 20000; ++i) {
+    const double d = std::bit_cast<double>(generator());
+    if (!std::isfinite(d)) continue;
+    const Value back = read(write(Value(d)));
+    ASSERT_TRUE(back.is_double()) << write(Value(d));
+    EXPECT_EQ(std::bit_cast<std::uint64_t>(back.get_double()), std::bit_cast<std::uint64_t>(d))
+        << write(Value(d));
+  }
+  EXPECT_EQ(write(Value(1.0)), "1.0");
+  EXPECT_EQ(write(Value(0.1)), "0.1");
+  EXPECT_EQ(write(Value::list({std::numeric_limits<double>::quiet_NaN(),
+                               std::numeric_limits<double>::infinity(),
+                               -std::numeric_limits<double>::infinity()})),
+            "[null,null,null]");
+}
+
+TEST(JsonReadWrite, EscapesAndSurrogatePairs) {
+  EXPECT_EQ(read(R"("\ud83d\ude00")").get_string(), "\xF0\x9F\x98\x80");
+  EXPECT_EQ(read(R"("\u00e9\u20AC\/")").get_string(), "é€/");
+  EXPECT_EQ(read(R"("a\u0000b")").get_string(), "a\0b"sv);
+  EXPECT_EQ(write(Value("a\0b\x1f\x7f"sv)), "\"a\\u0000b\\u001f\x7f\"");
+  EXPECT_EQ(read(R"({"k\"ey":1})").at("k\"ey"), Value(1));
+}
+
+// A tree of every kind, with keys and strings that need escapes and multi-byte characters.
+Value random_tree(std::mt19937_64& random, int depth) {
+  static constexpr std::string_view kPieces[] = {"a", "Z", "\"", "\\", "\n",   "\x01",
+                                                 "é", "😀", " ",  "/",  "\x7f", "key"};
+  const auto text = [&] {
+    std::string s;
+    for (auto n = random() % 6; n > 0; --n) s += kPieces[random() % std::size(kPieces)];
+    return s;
+  };
+  switch (random() % (depth > 0 ? 8 : 6)) {
+    case 0:
+      return Value();
+    case 1:
+      return Value(random() % 2 == 0);
+    case 2:
+      return Value(static_cast<std::int64_t>(random()));
+    case 3:
+      return Value(random() | (std::uint64_t{1} << 63));
+    case 4:
+      return Value(std::bit_cast<double>(random() & ~(std::uint64_t{1} << 62)));  // finite
+    case 5:
+      return Value(text());
+    case 6: {
+      Value list = Value::list();
+      for (auto n = random() % 5; n > 0; --n) list.push_back(random_tree(random, depth - 1));
+      return list;
+    }
+    default: {
+      Value object = Value::object();
+      for (auto n = random() % 5; n > 0; --n) object.set(text(), random_tree(random, depth - 1));
+      return object;
+    }
+  }
+}
+
+TEST(JsonReadWrite, GeneratedTreesRoundTrip) {
+  std::mt19937_64 random(7);
+  for (int i = 0; i < 300; ++i) {
+    const Value tree = random_tree(random, 5);
+    const std::string compact = write(tree);
+    EXPECT_EQ(read(compact), tree) << compact;
+    EXPECT_EQ(read(write(tree, 2)), tree) << compact;
+    EXPECT_EQ(write(read(compact)), compact);  // member order and number kinds survive
+  }
+}
+
+TEST(JsonReadWrite, DeepNestingUpToTheLimit) {
+  std::string deep(kMaxDepth, '[');
+  deep.append(kMaxDepth, ']');
+  const Value lists = read(deep);
+  EXPECT_EQ(write(lists), deep);
+  EXPECT_EQ(read(write(lists, 0)), lists);
+
+  std::string objects;
+  for (int i = 0; i < kMaxDepth; ++i) objects += R"({"a":)";
+  objects += "1";
+  objects.append(kMaxDepth, '}');
+  EXPECT_EQ(write(read(objects)), objects);
+
+  const std::string too_deep = "[" + deep + "]";
+  EXPECT_THROW_MESSAGE(read(too_deep), std::runtime_error,
+                       "JSON parse error at line 1, column 10001: "
+                       "nesting deeper than 10000 levels.");
+  EXPECT_THROW_MESSAGE(read(std::string(100000, '[')), std::runtime_error,
+                       "JSON parse error at line 1, column 10001: "
+                       "nesting deeper than 10000 levels.");
+}
+
+TEST(JsonRead, RejectsMalformedTextWithPosition) {
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"", "line 1, column 1: unexpected end of text"},
+      {"[1,2", "line 1, column 5: unexpected end of text"},
+      {"tru", "line 1, column 4: unexpected end of text"},
+      {"\"abc", "line 1, column 5: unterminated string"},
+      {"[1,]", "line 1, column 3: trailing comma before ']'"},
+      {"{\"a\":1 , }", "line 1, column 8: trailing comma before '}'"},
+      {"01", "line 1, column 1: leading zero in number"},
+      {"[-012]", "line 1, column 3: leading zero in number"},
+      {"-", "line 1, column 2: invalid number"},
+      {"[1.]", "line 1, column 4: invalid number"},
+      {"NaN", "line 1, column 1: unexpected character 'N'"},
+      {"[-Infinity]", "line 1, column 3: invalid number"},
+      {"+1", "line 1, column 1: unexpected character '+'"},
+      {"[1] // note", "line 1, column 5: comments are not allowed"},
+      {"/* note */ 1", "line 1, column 1: comments are not allowed"},
+      {"\xEF\xBB\xBF{}", "line 1, column 1: byte order mark before the value"},
+      {"\xFF", "line 1, column 1: unexpected byte 0xFF"},
+      {"1e999", "line 1, column 1: number out of range"},
+      {"[0, -1E+400]", "line 1, column 5: number out of range"},
+      {"\"a\tb\"", "line 1, column 3: unescaped control character U+0009 in string"},
+      {"\"a\0b\""sv, "line 1, column 3: unexpected NUL byte"},
+      {"[1]\0"sv, "line 1, column 4: unexpected NUL byte"},
+      {"[1,\0]"sv, "line 1, column 4: unexpected NUL byte"},
+      {"\"\\x\"", "line 1, column 3: invalid escape sequence"},
+      {"\"\\u12x4\"", "line 1, column 6: \\u escape without four hex digits"},
+      {"\"\\ud83d\"", "line 1, column 8: high surrogate escape without a low one after it"},
+      {"\"\\ud83d\\u0041\"", "line 1, column 13: high surrogate escape without a low one after it"},
+      {"\"\\ude00\"", "line 1, column 7: low surrogate escape without a high one before it"},
+      {"\"\xC3(\"", "line 1, column 3: invalid UTF-8 in string"},
+      {"\"\xC0\xAF\"", "line 1, column 2: invalid UTF-8 in string"},
+      {"\"\xED\xA0\x80\"", "line 1, column 3: invalid UTF-8 in string"},
+      {"\"\xF4\x90\x80\x80\"", "line 1, column 3: invalid UTF-8 in string"},
+      {"[1 2]", "line 1, column 4: unexpected number; expected ',' or ']'"},
+      {"{\"a\" 1}", "line 1, column 6: unexpected number; expected ':'"},
+      {"{1:2}", "line 1, column 2: unexpected number; expected a key string"},
+      {"[:]", "line 1, column 2: unexpected ':'; expected a value"},
+      {"{} \"x\"", "line 1, column 4: unexpected string after the value"},
+      {"{\"a\":1,\"b\":2,\"a\":3}", "line 1, column 14: duplicate key 'a'"},
+      {R"({"q\"":{"q\"":1},"q\"":2})", "line 1, column 18: duplicate key 'q\"'"},
+      {"{\n  \"a\": [1,\n    2,,\n  ]\n}", "line 3, column 7: unexpected ','; expected a value"},
+      {"{\r\n\"a\": tru\r\n}", "line 2, column 9: unexpected byte 0x0D"},
+  };
+  for (const auto& [text, message] : cases) {
+    EXPECT_EQ(error_of(text), "JSON parse error at " + std::string(message) + ".")
+        << "for " << testing::PrintToString(std::string(text));
+  }
+}
+
+TEST(JsonRead, AcceptsWhatTheGrammarAllows) {
+  EXPECT_EQ(read("123456789012345678901234567890").get_double(), 1.2345678901234568e29);
+  EXPECT_EQ(read("1e-400").get_double(), 0.0);  // below the smallest double: rounds to 0
+  EXPECT_EQ(read(R"({"a":1,"A":2,"a ":3})").size(), 3u);
+  EXPECT_EQ(read("\"\x7f\xF4\x8F\xBF\xBF\"").get_string(), "\x7f\xF4\x8F\xBF\xBF");
+}
+
+// Every prefix and many one-byte corruptions of a valid document fail cleanly.
+TEST(JsonRead, DamagedDocumentsFailWithAPosition) {
+  const std::string document =
+      "{\n  \"name\": \"sample \\\"7\\\" \\u00e9 \xF0\x9F\x98\x80\",\n  \"values\": [1, -2.5e-3, "
+      "18446744073709551615, true, false, null],\n  \"nested\": {\"a\": [{}, []]}\n}";
+  ASSERT_NO_THROW(read(document));
+  const std::regex located("JSON parse error at line [1-5], column [0-9]+: .+\\.");
+  for (std::size_t size = 0; size < document.size(); ++size) {
+    const std::string error = error_of(std::string_view(document).substr(0, size));
+    EXPECT_TRUE(std::regex_match(error, located)) << size << ": " << error;
+  }
+  for (std::size_t at = 0; at < document.size(); ++at) {
+    for (const char byte : {'\0', '"', '\\', ']', '{', ',', '\x80', '\xFF', '0', 'x'}) {
+      std::string damaged = document;
+      damaged[at] = byte;
+      const std::string error = error_of(damaged);
+      EXPECT_TRUE(error == "no error" || std::regex_match(error, located)) << error;
+    }
+  }
+}
+
+TEST(JsonReadFile, ReadsAWholeFile) {
+  Tarn::testing::TempDir dir;
+  const std::string text = R"({"a": [1, 2.5, "x"]})";
+  std::ofstream(dir / "a.json") << text;
+  EXPECT_EQ(read_file(dir / "a.json"), read(text));
+  std::ofstream(dir / "bad.json") << "[1,\n2";
+  EXPECT_THROW_MESSAGE(read_file(dir / "bad.json"), std::runtime_error,
+                       "JSON parse error at line 2, column 2: unexpected end of text.");
+}
+
+TEST(JsonReadFile, ReportsTheSystemsReason) {
+  Tarn::testing::TempDir dir;
+  EXPECT_THROW_MESSAGE(read_file(dir / "missing.json"), std::runtime_error,
+                       "Could not read JSON file '" + (dir / "missing.json").string() +
+                           "': No such file or directory");
+  EXPECT_THROW_MESSAGE(read_file(dir.path()), std::runtime_error,
+                       "Could not read JSON file '" + dir.path().string() + "': Is a directory");
+}
+
+}  // namespace
+}  // namespace JSON
