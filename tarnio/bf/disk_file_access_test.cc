@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "tarnio/bf/disk_file.h"
 #include "tarnio/errors/tarn_error.h"
@@ -26,24 +27,22 @@ TEST(DiskFileAccessStrings, RoundTripWithLittleEndianLengths) {
   file.write_str("", true);
   file.write_str("raw", false);
   EXPECT_EQ(file.size(), 4 + long_text.size() + 4 + binary.size() + 4 + 3);
-  std::string prefix(4, '\0');
-  file.seek(0);
-  file.read(prefix.data(), prefix.size());
-  EXPECT_EQ(prefix, std::string("\x02\x01\0\0", 4));
-
   file.seek(0);
   std::string text;
-  file.read_str(text);
-  EXPECT_EQ(text, long_text);
-  file.read_str(text, DiskFileAccess::kNpos);
-  EXPECT_EQ(text, binary);
-  file.read_str(text);
-  EXPECT_EQ(text, "");
-  text = "stale";
-  file.read_str(text, 0);
-  EXPECT_EQ(text, "");
-  file.read_str(text, 3);
-  EXPECT_EQ(text, "raw");
+  file.read_str(text, 4);
+  EXPECT_EQ(text, std::string("\x02\x01\0\0", 4));
+
+  file.seek(0);
+  const std::pair<std::uint64_t, std::string> kReads[] = {{DiskFileAccess::kNpos, long_text},
+                                                          {DiskFileAccess::kNpos, binary},
+                                                          {DiskFileAccess::kNpos, ""},
+                                                          {0, ""},
+                                                          {3, "raw"}};
+  for (const auto& [length, want] : kReads) {
+    text = "stale";
+    file.read_str(text, length);
+    EXPECT_EQ(text, want);
+  }
 }
 
 TEST(DiskFileAccessStrings, LengthBeyondTheEndIsRefusedBeforeAllocating) {

@@ -42,25 +42,19 @@ bool is_open_descriptor(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 
 // Lowers the soft limit on the size of files this process writes, and ignores the signal that
 // crossing it raises, until destroyed.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    ::getrlimit(RLIMIT_FSIZE, &saved_);
-    rlimit lowered = saved_;
+struct FileSizeLimit {
+  explicit FileSizeLimit(rlim_t bytes) : handler(std::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit lowered = saved;
     lowered.rlim_cur = bytes;
     ::setrlimit(RLIMIT_FSIZE, &lowered);
-    saved_handler_ = std::signal(SIGXFSZ, SIG_IGN);
   }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
   ~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &saved_);
-    std::signal(SIGXFSZ, saved_handler_);
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, handler);
   }
-
- private:
-  rlimit saved_{};
-  void (*saved_handler_)(int) = nullptr;
+  void (*handler)(int);
+  rlimit saved{};
 };
 
 TEST(DiskFileModes, WriteTruncatesAndAppendKeepsContents) {
@@ -169,19 +163,7 @@ TEST(DiskFileTransfers, DISABLED_OneCallMovesMoreThanFourGiB) {
   EXPECT_EQ(bytes[n - 1], static_cast<std::uint8_t>(7 + n - 1));
 }
 
-TEST(DiskFilePosition, SeekEdgeCases) {
-  TempDir dir;
-  DiskFile file(dir / "data.tbf", Mode::write);
-  EXPECT_EQ(file.seek(DiskFile::kNpos), 0u);
-  EXPECT_EQ(file.seek(100), 100u);
-  EXPECT_EQ(file.size(), 0u);
-  file.write("x", 1);
-  EXPECT_EQ(file.seek(DiskFile::kNpos), 101u);
-  EXPECT_EQ(file.seek(std::uint64_t{1} << 63), DiskFile::kNpos);
-  EXPECT_EQ(file.tell(), 101u);
-}
-
-TEST(DiskFilePosition, SkippedSpaceTakesNoRoomOnDisk) {
+TEST(DiskFilePosition, SeekBeyondTheEndLeavesAHoleThatTakesNoRoomOnDisk) {
   TempDir dir;
   const auto path = dir / "sparse.tbf";
   constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
@@ -189,9 +171,13 @@ TEST(DiskFilePosition, SkippedSpaceTakesNoRoomOnDisk) {
     DiskFile file(path, Mode::write);
     file.set_sparse(true);
     EXPECT_TRUE(file.is_sparse());
-    file.seek(kGiB);
+    EXPECT_EQ(file.seek(DiskFile::kNpos), 0u);
+    EXPECT_EQ(file.seek(kGiB), kGiB);
+    EXPECT_EQ(file.size(), 0u);
     file.write("x", 1);
-    EXPECT_EQ(file.size(), kGiB + 1);
+    EXPECT_EQ(file.seek(DiskFile::kNpos), kGiB + 1);
+    EXPECT_EQ(file.seek(std::uint64_t{1} << 63), DiskFile::kNpos);
+    EXPECT_EQ(file.tell(), kGiB + 1);
   }
   EXPECT_LT(DiskFile::size_on_disk(path), std::uint64_t{1} << 20);
   EXPECT_THROW_MESSAGE(DiskFile::size_on_disk(dir / "missing.tbf"), TarnError,
@@ -216,21 +202,17 @@ TEST(DiskFileHandle, MisuseLeavesHandleAndModeUnchanged) {
                          "Invalid file mode when opening file.");
   }
   EXPECT_EQ(closed.mode(), Mode::none);
-}
-
-TEST(DiskFileHandle, CallsWithoutHandleSayFileNotOpen) {
-  DiskFile file;
   char byte = 0;
-  EXPECT_THROW_MESSAGE(file.tell(), std::runtime_error, "File not open.");
-  EXPECT_THROW_MESSAGE(file.seek(0), std::runtime_error, "File not open.");
-  EXPECT_THROW_MESSAGE(file.read(&byte, 1), std::runtime_error, "File not open.");
-  EXPECT_THROW_MESSAGE(file.write(&byte, 1), std::runtime_error, "File not open.");
-  EXPECT_THROW_MESSAGE(file.flush_file_buffers(), std::runtime_error, "File not open.");
-  EXPECT_THROW_MESSAGE(file.size(), std::runtime_error, "File not open.");
-  EXPECT_THROW_MESSAGE(file.set_sparse(true), TarnError,
+  EXPECT_THROW_MESSAGE(closed.tell(), std::runtime_error, "File not open.");
+  EXPECT_THROW_MESSAGE(closed.seek(0), std::runtime_error, "File not open.");
+  EXPECT_THROW_MESSAGE(closed.read(&byte, 1), std::runtime_error, "File not open.");
+  EXPECT_THROW_MESSAGE(closed.write(&byte, 1), std::runtime_error, "File not open.");
+  EXPECT_THROW_MESSAGE(closed.flush_file_buffers(), std::runtime_error, "File not open.");
+  EXPECT_THROW_MESSAGE(closed.size(), std::runtime_error, "File not open.");
+  EXPECT_THROW_MESSAGE(closed.set_sparse(true), TarnError,
                        "Failed to set sparse flag: Bad file descriptor");
-  file.close();
-  EXPECT_EQ(file.detach(), DiskFile::kNoHandle);
+  closed.close();
+  EXPECT_EQ(closed.detach(), DiskFile::kNoHandle);
 }
 
 TEST(DiskFileHandle, AttachedDescriptorIsBorrowedAndCopiesBorrowItToo) {
@@ -296,7 +278,6 @@ TEST(DiskFileRemove, RemovesFilesOnly) {
   } catch (const std::filesystem::filesystem_error& error) {
     EXPECT_EQ(error.code(), std::errc::is_a_directory);
     EXPECT_EQ(error.path1(), dir.path());
-    EXPECT_NE(std::string(error.what()).find("remove"), std::string::npos);
   }
 }
 

@@ -6,8 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tarnio/errors/internal/raise.h"
@@ -27,43 +30,45 @@ class WarningRecorder {
   std::vector<std::string> messages;
 };
 
-TEST(TarnErrorCompose, DefaultConstructedErrorIsSeverityLineThenIndentedMessage) {
-  TarnError empty;
-  EXPECT_STREQ(empty.what(), "ERROR\n    ");
-  EXPECT_STREQ(TarnError()("File too short.").what(), "ERROR\n    File too short.");
-  EXPECT_EQ(empty.id(), -1);
+// The TarnError that f throws.
+TarnError thrown_by(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const TarnError& error) {
+    return error;
+  }
+  ADD_FAILURE() << "nothing thrown";
+  return TarnError();
 }
 
-TEST(TarnErrorCompose, LocationShownOnlyWithFileAndLine) {
-  EXPECT_STREQ(TarnError("f", "a.cc", 12)("m").what(),
-               "a.cc(12): ERROR\n    in function 'f':\n    m");
-  EXPECT_STREQ(TarnError(nullptr, "a.cc", 12)("m").what(), "a.cc(12): ERROR\n    m");
-  EXPECT_STREQ(TarnError("f", "a.cc", 0)("m").what(), "ERROR\n    m");
-  EXPECT_STREQ(TarnError("f", nullptr, 12)("m").what(), "ERROR\n    m");
-}
-
-TEST(TarnErrorCompose, OsErrorLineOnlyForPositiveCodes) {
+TEST(TarnErrorCompose, SeverityLineLocationMessageAndOsError) {
+  WarningRecorder recorder;  // swallows the warning below
+  TarnError warning("f", "w.cc", 3);
+  warning("careful").do_warn();
   errno = ENOENT;
   TarnError with_os;
   with_os("Could not open file.").do_oserr();
   EXPECT_EQ(with_os.oserr_id(), ENOENT);
   EXPECT_EQ(with_os.oserr(), std::strerror(ENOENT));
-  EXPECT_EQ(std::string(with_os.what()),
-            "ERROR\n    Could not open file.\n    os_error(2): No such file or directory");
-
   errno = 0;
   TarnError without_os;
   without_os("m").do_oserr();
   EXPECT_EQ(without_os.oserr(), "Unknown system error.");
-  EXPECT_STREQ(without_os.what(), "ERROR\n    m");
-}
+  EXPECT_EQ(TarnError().id(), -1);
 
-TEST(TarnErrorCompose, WarningSeverity) {
-  TarnError warning("f", "w.cc", 3);
-  warning("careful").do_warn();
-  std::string text = warning.what();
-  WarningRecorder recorder;  // swallows the warning when `warning` dies
-  EXPECT_EQ(text, "w.cc(3): WARNING\n    in function 'f':\n    careful");
+  // Each text is copied at once: what() points at text shared by all errors.
+  const std::pair<std::string, std::string> kTexts[] = {
+      {TarnError().what(), "ERROR\n    "},
+      {TarnError()("File too short.").what(), "ERROR\n    File too short."},
+      {TarnError("f", "a.cc", 12)("m").what(), "a.cc(12): ERROR\n    in function 'f':\n    m"},
+      {TarnError(nullptr, "a.cc", 12)("m").what(), "a.cc(12): ERROR\n    m"},
+      {TarnError("f", "a.cc", 0)("m").what(), "ERROR\n    m"},
+      {TarnError("f", nullptr, 12)("m").what(), "ERROR\n    m"},
+      {with_os.what(),
+       "ERROR\n    Could not open file.\n    os_error(2): No such file or directory"},
+      {without_os.what(), "ERROR\n    m"},
+      {warning.what(), "w.cc(3): WARNING\n    in function 'f':\n    careful"}};
+  for (const auto& [text, want] : kTexts) EXPECT_EQ(text, want);
 }
 
 TEST(TarnErrorCompose, EachPieceIsCutAtTheFormatBuffer) {
@@ -112,29 +117,17 @@ TEST(LastError, ProcessRecordsIdAndTextAndWhatPointsAtTheSharedText) {
   const char* first_text = first.what();
   EXPECT_EQ(tarn_get_last_error(), 11);
   EXPECT_STREQ(tarn_get_last_error_string(), "ERROR\n    first");
-
-  TarnError second;
-  second("second")(12);
-  second.process();
-  EXPECT_STREQ(first_text, "ERROR\n    second");
+  {
+    TarnError second;
+    second("processed at the end")(12).do_process();
+  }
+  EXPECT_STREQ(first_text, "ERROR\n    processed at the end");
   EXPECT_EQ(tarn_get_last_error(), 12);
-}
 
-TEST(LastError, LongTextStillLeavesEarlierPointersReadable) {
-  const char* earlier = TarnError()("short").what();
+  // A text longer than any before is kept whole, and earlier pointers stay readable.
   TarnError()(std::string(100000, 'y')).process();
   EXPECT_EQ(std::strlen(tarn_get_last_error_string()), 100000u + 10u);
-  EXPECT_NE(earlier, nullptr);
-  EXPECT_GE(std::strlen(earlier), 0u);  // still readable, whatever it shows
-}
-
-TEST(LastError, ProcessFlagComposesOnDestruction) {
-  {
-    TarnError error;
-    error("processed at the end")(3).do_process();
-  }
-  EXPECT_EQ(tarn_get_last_error(), 3);
-  EXPECT_STREQ(tarn_get_last_error_string(), "ERROR\n    processed at the end");
+  EXPECT_GE(std::strlen(first_text), 0u);
 }
 
 TEST(Warnings, DeliveredOnDestructionOnlyToTheCallback) {
@@ -144,46 +137,35 @@ TEST(Warnings, DeliveredOnDestructionOnlyToTheCallback) {
     TarnError warning;
     warning("both flags").do_warn().do_process();
   }
-  ASSERT_EQ(recorder.messages, std::vector<std::string>{"both flags"});
+  tarn_warn("50%% done", nullptr, nullptr, 0);  // a format string
+  tarn_warn(nullptr, nullptr, nullptr, 0);
+  EXPECT_EQ(recorder.messages, (std::vector<std::string>{"both flags", "50% done", ""}));
   // The callback is the only receiver: the last error is untouched.
   EXPECT_STREQ(tarn_get_last_error_string(), "ERROR\n    before");
 }
 
-TEST(Warnings, EmptyCallbackRestoresTheDefaultWhichPrintsToStderr) {
+TEST(Warnings, ThrowingCallbackIsContainedAndAnEmptyOneRestoresPrintingToStderr) {
+  TarnError::set_global_warning_callback([](const TarnError&) { throw std::runtime_error("x"); });
+  EXPECT_NO_THROW(tarn_warn("ignored", nullptr, nullptr, 0));
   TarnError::set_global_warning_callback({});
   testing::internal::CaptureStderr();
   tarn_warn("disk almost full", "", "", 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "WARNING\n    disk almost full\n");
 }
 
-TEST(Warnings, ThrowingCallbackDoesNotEscapeTheDestructor) {
-  TarnError::set_global_warning_callback([](const TarnError&) { throw std::runtime_error("x"); });
-  EXPECT_NO_THROW(tarn_warn("ignored", nullptr, nullptr, 0));
-  TarnError::set_global_warning_callback({});
-}
-
-TEST(PlainFunctions, ErrAndLasterrThrowWithLocation) {
-  try {
-    tarn_err("broken", "fn", "src.cc", 9);
-    FAIL();
-  } catch (const TarnError& error) {
-    EXPECT_EQ(error.id(), -1);
-    EXPECT_STREQ(error.what(), "src.cc(9): ERROR\n    in function 'fn':\n    broken");
-  }
-  try {
-    tarn_lasterr("broken", nullptr, nullptr, 0);
-    FAIL();
-  } catch (const TarnError& error) {
-    EXPECT_EQ(error.id(), 1);
-    EXPECT_EQ(error.message(), "broken");
-  }
-}
-
-TEST(PlainFunctions, MessageIsAFormatString) {
-  WarningRecorder recorder;
-  tarn_warn("50%% done", nullptr, nullptr, 0);
-  tarn_warn(nullptr, nullptr, nullptr, 0);
-  ASSERT_EQ(recorder.messages, (std::vector<std::string>{"50% done", ""}));
+TEST(PlainFunctions, ErrLasterrAndThrowTarnThrow) {
+  const TarnError err = thrown_by([] { tarn_err("broken", "fn", "src.cc", 9); });
+  EXPECT_EQ(err.id(), -1);
+  EXPECT_STREQ(err.what(), "src.cc(9): ERROR\n    in function 'fn':\n    broken");
+  const TarnError lasterr = thrown_by([] { tarn_lasterr("broken", nullptr, nullptr, 0); });
+  EXPECT_EQ(lasterr.id(), 1);
+  EXPECT_EQ(lasterr.message(), "broken");
+  const TarnError raised = thrown_by([] {
+    Tarn::errors::internal::throw_tarn("Failed reading {} bytes from file: {}", 8,
+                                       "File too short.");
+  });
+  EXPECT_EQ(raised.message(), "Failed reading 8 bytes from file: File too short.");
+  EXPECT_EQ(raised.line(), 0);
 }
 
 TEST(DebugOutput, SilentUnlessTarnDebugIsSet) {
@@ -199,17 +181,6 @@ TEST(DebugOutput, SilentUnlessTarnDebugIsSet) {
   };
   EXPECT_EXIT(report(true), testing::ExitedWithCode(0), "^ERROR\n    to the debugger\nend$");
   EXPECT_EXIT(report(false), testing::ExitedWithCode(0), "^end$");
-}
-
-TEST(Raise, ThrowTarnFormatsWithBraces) {
-  try {
-    Tarn::errors::internal::throw_tarn("Failed reading {} bytes from file: {}", 8,
-                                       "File too short.");
-    FAIL();
-  } catch (const TarnError& error) {
-    EXPECT_EQ(error.message(), "Failed reading 8 bytes from file: File too short.");
-    EXPECT_EQ(error.line(), 0);
-  }
 }
 
 }  // namespace

@@ -30,21 +30,33 @@ std::string error_of(std::string_view text) {
   return "no error";
 }
 
-// Text and value of the same canonical (compact) form.
-TEST(JsonReadWrite, CanonicalTextsRoundTrip) {
-  for (const std::string_view text : {
-           "null"sv,
-           "true"sv,
-           "[false,0,-1,1.5,-0.0,1.0,1e+20,5e-324,-1.7976931348623157e+308]"sv,
-           R"({"z":1,"a":{"m":[],"b":{}},"":"x"})"sv,
-           R"(["\"\\\b\f\n\r\t","\u0000\u001f","é😀/"])"sv,
-           "[-9223372036854775808,9223372036854775807,18446744073709551615]"sv,
-       }) {
-    EXPECT_EQ(write(read(text)), text);
+// The compact text written for what was read; "" where that is the text itself.
+TEST(JsonReadWrite, TextsReadAndWriteBackCompact) {
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"null", ""},
+      {"true", ""},
+      {"[false,0,-1,1.5,-0.0,1.0,1e+20,5e-324,-1.7976931348623157e+308]", ""},
+      {R"({"z":1,"a":{"m":[],"b":{}},"":"x","A":2,"z ":3})", ""},
+      {R"(["\"\\\b\f\n\r\t","\u0000\u001f","é😀/",")"
+       "\x7f\xF4\x8F\xBF\xBF\"]",
+       ""},
+      {"[-9223372036854775808,9223372036854775807,9223372036854775808,18446744073709551615]", ""},
+      {"[18446744073709551616,-9223372036854775809]",
+       "[1.8446744073709552e+19,-9.223372036854776e+18]"},
+      {"[123456789012345678901234567890,1e-400,1e2,-0]", "[1.2345678901234568e+29,0.0,100.0,0]"},
+      {R"(["\ud83d\ude00","\u00e9\u20AC\/","a\u0000b",{"k\"ey":1}])",
+       "[\"\xF0\x9F\x98\x80\",\"é€/\",\"a\\u0000b\",{\"k\\\"ey\":1}]"},
+      {" \t\r\n[ 1 ,\n{ \"a\" : [ ] } ]\n", R"([1,{"a":[]}])"},
+  };
+  for (const auto& [text, written] : cases) {
+    EXPECT_EQ(write(read(text)), written.empty() ? text : written) << text;
   }
-}
-
-TEST(JsonReadWrite, IndentedFormAndWhiteSpace) {
+  EXPECT_TRUE(read("9223372036854775808").is_uint64());
+  EXPECT_EQ(write(Value("a\0b\x1f\x7f"sv)), "\"a\\u0000b\\u001f\x7f\"");
+  EXPECT_EQ(write(Value::list({std::numeric_limits<double>::quiet_NaN(),
+                               std::numeric_limits<double>::infinity(),
+                               -std::numeric_limits<double>::infinity()})),
+            "[null,null,null]");
   const Value value = read(R"({"a":[1,{},[]],"b":{"c":"x"}})");
   EXPECT_EQ(write(value, 2), R"({
   "a": [
@@ -57,27 +69,6 @@ TEST(JsonReadWrite, IndentedFormAndWhiteSpace) {
   }
 })");
   EXPECT_EQ(write(value, 0), "{\n\"a\": [\n1,\n{},\n[]\n],\n\"b\": {\n\"c\": \"x\"\n}\n}");
-  EXPECT_EQ(read(" \t\r\n" + write(value, 4) + "\n"), value);
-}
-
-TEST(JsonRead, IntegersKeepTheirExactValue) {
-  const Value min = read("-9223372036854775808");
-  ASSERT_TRUE(min.is_int64());
-  EXPECT_EQ(min.get_int64(), std::numeric_limits<std::int64_t>::min());
-  const Value max = read("9223372036854775807");
-  ASSERT_TRUE(max.is_int64());
-  EXPECT_EQ(max.get_int64(), std::numeric_limits<std::int64_t>::max());
-  const Value above = read("9223372036854775808");
-  ASSERT_TRUE(above.is_uint64());
-  EXPECT_EQ(above.get_uint64(), std::uint64_t{1} << 63);
-  const Value umax = read("18446744073709551615");
-  ASSERT_TRUE(umax.is_uint64());
-  EXPECT_EQ(umax.get_uint64(), std::numeric_limits<std::uint64_t>::max());
-  for (const char* beyond : {"18446744073709551616", "-9223372036854775809", "1.0", "1e2"}) {
-    EXPECT_TRUE(read(beyond).is_double()) << beyond;
-  }
-  EXPECT_EQ(read("18446744073709551616").get_double(), 18446744073709551616.0);
-  EXPECT_EQ(read("-0").get_int64(), 0);
 }
 
 TEST(JsonReadWrite, DoublesReadBackBitIdentical) {
@@ -90,20 +81,7 @@ TEST(JsonReadWrite, DoublesReadBackBitIdentical) {
     EXPECT_EQ(std::bit_cast<std::uint64_t>(back.get_double()), std::bit_cast<std::uint64_t>(d))
         << write(Value(d));
   }
-  EXPECT_EQ(write(Value(1.0)), "1.0");
   EXPECT_EQ(write(Value(0.1)), "0.1");
-  EXPECT_EQ(write(Value::list({std::numeric_limits<double>::quiet_NaN(),
-                               std::numeric_limits<double>::infinity(),
-                               -std::numeric_limits<double>::infinity()})),
-            "[null,null,null]");
-}
-
-TEST(JsonReadWrite, EscapesAndSurrogatePairs) {
-  EXPECT_EQ(read(R"("\ud83d\ude00")").get_string(), "\xF0\x9F\x98\x80");
-  EXPECT_EQ(read(R"("\u00e9\u20AC\/")").get_string(), "é€/");
-  EXPECT_EQ(read(R"("a\u0000b")").get_string(), "a\0b"sv);
-  EXPECT_EQ(write(Value("a\0b\x1f\x7f"sv)), "\"a\\u0000b\\u001f\x7f\"");
-  EXPECT_EQ(read(R"({"k\"ey":1})").at("k\"ey"), Value(1));
 }
 
 // A tree of every kind, with keys and strings that need escapes and multi-byte characters.
@@ -115,30 +93,25 @@ Value random_tree(std::mt19937_64& random, int depth) {
     for (auto n = random() % 6; n > 0; --n) s += kPieces[random() % std::size(kPieces)];
     return s;
   };
-  switch (random() % (depth > 0 ? 8 : 6)) {
-    case 0:
-      return Value();
-    case 1:
-      return Value(random() % 2 == 0);
-    case 2:
-      return Value(static_cast<std::int64_t>(random()));
-    case 3:
-      return Value(random() | (std::uint64_t{1} << 63));
-    case 4:
-      return Value(std::bit_cast<double>(random() & ~(std::uint64_t{1} << 62)));  // finite
-    case 5:
-      return Value(text());
-    case 6: {
-      Value list = Value::list();
-      for (auto n = random() % 5; n > 0; --n) list.push_back(random_tree(random, depth - 1));
-      return list;
-    }
-    default: {
-      Value object = Value::object();
-      for (auto n = random() % 5; n > 0; --n) object.set(text(), random_tree(random, depth - 1));
-      return object;
+  const auto kind = random() % (depth > 0 ? 8 : 6);
+  if (kind < 6) {
+    const Value scalars[] = {Value(),
+                             Value(random() % 2 == 0),
+                             Value(static_cast<std::int64_t>(random())),
+                             Value(random() | (std::uint64_t{1} << 63)),
+                             Value(std::bit_cast<double>(random() & ~(std::uint64_t{1} << 62))),
+                             Value(text())};
+    return scalars[kind];
+  }
+  Value container = kind == 6 ? Value::list() : Value::object();
+  for (auto n = random() % 5; n > 0; --n) {
+    if (kind == 6) {
+      container.push_back(random_tree(random, depth - 1));
+    } else {
+      container.set(text(), random_tree(random, depth - 1));
     }
   }
+  return container;
 }
 
 TEST(JsonReadWrite, GeneratedTreesRoundTrip) {
@@ -153,25 +126,19 @@ TEST(JsonReadWrite, GeneratedTreesRoundTrip) {
 }
 
 TEST(JsonReadWrite, DeepNestingUpToTheLimit) {
-  std::string deep(kMaxDepth, '[');
-  deep.append(kMaxDepth, ']');
-  const Value lists = read(deep);
-  EXPECT_EQ(write(lists), deep);
-  EXPECT_EQ(read(write(lists, 0)), lists);
-
+  std::string lists(kMaxDepth, '[');
+  lists.append(kMaxDepth, ']');
+  EXPECT_EQ(write(read(lists)), lists);
+  EXPECT_EQ(read(write(read(lists), 0)), read(lists));
   std::string objects;
   for (int i = 0; i < kMaxDepth; ++i) objects += R"({"a":)";
   objects += "1";
   objects.append(kMaxDepth, '}');
   EXPECT_EQ(write(read(objects)), objects);
-
-  const std::string too_deep = "[" + deep + "]";
-  EXPECT_THROW_MESSAGE(read(too_deep), std::runtime_error,
-                       "JSON parse error at line 1, column 10001: "
-                       "nesting deeper than 10000 levels.");
-  EXPECT_THROW_MESSAGE(read(std::string(100000, '[')), std::runtime_error,
-                       "JSON parse error at line 1, column 10001: "
-                       "nesting deeper than 10000 levels.");
+  for (const std::string& too_deep : {"[" + lists + "]", std::string(100000, '[')}) {
+    EXPECT_EQ(error_of(too_deep),
+              "JSON parse error at line 1, column 10001: nesting deeper than 10000 levels.");
+  }
 }
 
 TEST(JsonRead, RejectsMalformedTextWithPosition) {
@@ -224,13 +191,6 @@ TEST(JsonRead, RejectsMalformedTextWithPosition) {
   }
 }
 
-TEST(JsonRead, AcceptsWhatTheGrammarAllows) {
-  EXPECT_EQ(read("123456789012345678901234567890").get_double(), 1.2345678901234568e29);
-  EXPECT_EQ(read("1e-400").get_double(), 0.0);  // below the smallest double: rounds to 0
-  EXPECT_EQ(read(R"({"a":1,"A":2,"a ":3})").size(), 3u);
-  EXPECT_EQ(read("\"\x7f\xF4\x8F\xBF\xBF\"").get_string(), "\x7f\xF4\x8F\xBF\xBF");
-}
-
 // Every prefix and many one-byte corruptions of a valid document fail cleanly.
 TEST(JsonRead, DamagedDocumentsFailWithAPosition) {
   const std::string document =
@@ -252,7 +212,7 @@ TEST(JsonRead, DamagedDocumentsFailWithAPosition) {
   }
 }
 
-TEST(JsonReadFile, ReadsAWholeFile) {
+TEST(JsonReadFile, ReadsAWholeFileOrSaysWhyNot) {
   Tarn::testing::TempDir dir;
   const std::string text = R"({"a": [1, 2.5, "x"]})";
   std::ofstream(dir / "a.json") << text;
@@ -260,10 +220,6 @@ TEST(JsonReadFile, ReadsAWholeFile) {
   std::ofstream(dir / "bad.json") << "[1,\n2";
   EXPECT_THROW_MESSAGE(read_file(dir / "bad.json"), std::runtime_error,
                        "JSON parse error at line 2, column 2: unexpected end of text.");
-}
-
-TEST(JsonReadFile, ReportsTheSystemsReason) {
-  Tarn::testing::TempDir dir;
   EXPECT_THROW_MESSAGE(read_file(dir / "missing.json"), std::runtime_error,
                        "Could not read JSON file '" + (dir / "missing.json").string() +
                            "': No such file or directory");

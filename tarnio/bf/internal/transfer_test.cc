@@ -6,39 +6,33 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace Tarn::bf::internal {
 namespace {
 
-struct Call {
-  std::uint64_t offset;
-  std::size_t count;
-};
+using Calls = std::vector<std::pair<std::uint64_t, std::size_t>>;  // offset, count
 
 TEST(TransferAll, SplitsBlocksLargerThanAPiece) {
   const std::uint64_t n = 5 * kMaxTransferPiece + 3;
-  std::vector<Call> calls;
+  Calls calls;
   const TransferResult result = transfer_all(n, [&](std::uint64_t offset, std::size_t count) {
-    calls.push_back({offset, count});
+    calls.emplace_back(offset, count);
     return static_cast<ssize_t>(count);
   });
   EXPECT_EQ(result.done, n);
   EXPECT_EQ(result.error, 0);
-  ASSERT_EQ(calls.size(), 6u);
-  std::uint64_t expected_offset = 0;
-  for (const Call& call : calls) {
-    EXPECT_EQ(call.offset, expected_offset);
-    EXPECT_LE(call.count, kMaxTransferPiece);
-    expected_offset += call.count;
-  }
-  EXPECT_EQ(calls.back().count, 3u);
+  Calls want;
+  for (std::uint64_t i = 0; i < 5; ++i) want.emplace_back(i * kMaxTransferPiece, kMaxTransferPiece);
+  want.emplace_back(5 * kMaxTransferPiece, 3);
+  EXPECT_EQ(calls, want);
 }
 
 TEST(TransferAll, RetriesInterruptedCallsAndContinuesAfterShortOnes) {
-  std::vector<Call> calls;
+  Calls calls;
   const TransferResult result = transfer_all(20, [&](std::uint64_t offset, std::size_t count) {
-    calls.push_back({offset, count});
+    calls.emplace_back(offset, count);
     if (calls.size() % 2 == 1) {
       errno = EINTR;
       return ssize_t{-1};
@@ -47,10 +41,7 @@ TEST(TransferAll, RetriesInterruptedCallsAndContinuesAfterShortOnes) {
   });
   EXPECT_EQ(result.done, 20u);
   EXPECT_EQ(result.error, 0);
-  ASSERT_EQ(calls.size(), 6u);
-  EXPECT_EQ(calls[3].offset, 7u);
-  EXPECT_EQ(calls[3].count, 13u);
-  EXPECT_EQ(calls[5].offset, 14u);
+  EXPECT_EQ(calls, (Calls{{0, 20}, {0, 20}, {7, 13}, {7, 13}, {14, 6}, {14, 6}}));
 }
 
 }  // namespace
