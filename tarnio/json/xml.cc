@@ -248,8 +248,45 @@ std::string_view scalar_text(const Value& value, std::string& buffer, std::strin
   return buffer;
 }
 
+// The document is saved without pugixml's escaping, which writes a carriage return in text
+// as it is, where a reader takes it for a line break: text and attribute values go in escaped
+// here. White space in attribute values is escaped too, else a reader would fold it to blanks.
+constexpr std::string_view kTextSpecials = "&<>\r";
+constexpr std::string_view kAttributeSpecials = "&<\"\r\n\t";
+
+std::string_view escaped(std::string_view text, std::string_view specials, std::string& buffer) {
+  if (text.find_first_of(specials) == std::string_view::npos) return text;
+  std::string out;
+  out.reserve(text.size() + 16);
+  for (const char c : text) {
+    if (specials.find(c) == std::string_view::npos) {
+      out += c;
+      continue;
+    }
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += fmt::format("&#{:02};", static_cast<int>(c));
+    }
+  }
+  buffer = std::move(out);
+  return buffer;
+}
+
 void append_text(pugi::xml_node node, const Value& value, std::string& buffer) {
-  const std::string_view text = scalar_text(value, buffer, node.name());
+  std::string_view text = scalar_text(value, buffer, node.name());
+  text = escaped(text, kTextSpecials, buffer);
   if (!text.empty()) node.append_child(pugi::node_pcdata).set_value(text.data(), text.size());
 }
 
@@ -321,7 +358,8 @@ void write_element(const UnwrittenElement& element, std::vector<UnwrittenElement
                                     node.name()));
     }
     const std::string name = xml_name(key);
-    const std::string_view text = scalar_text(attribute, buffer, name);
+    std::string_view text = scalar_text(attribute, buffer, name);
+    text = escaped(text, kAttributeSpecials, buffer);
     node.append_attribute(name.c_str()).set_value(text.data(), text.size());
   }
   if (const Value* text = value.find("#text"); text != nullptr && !text->is_null()) {
@@ -387,7 +425,8 @@ std::string to_xml(const Value& document, int indent) {
   }
   StringWriter writer;
   const std::string indentation(indent > 0 ? static_cast<std::size_t>(indent) : 0, ' ');
-  xml.save(writer, indentation.c_str(), indent < 0 ? pugi::format_raw : pugi::format_indent,
+  xml.save(writer, indentation.c_str(),
+           pugi::format_no_escapes | (indent < 0 ? pugi::format_raw : pugi::format_indent),
            pugi::encoding_utf8);
   return std::move(writer.text);
 }
