@@ -43,7 +43,7 @@ demo: build
 	$(BUILD)/tools/tarn/tarn types
 
 bench: build
-	$(BUILD)/bench/tarnio_convert_benchmark
+	for b in $(BUILD)/bench/tarnio_*_benchmark; do $$b || exit 1; done
 
 sanitize: deps
 	@cmake -S . -B $(SANITIZE_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARNIO_SANITIZE=ON \
