@@ -1,7 +1,8 @@
 #pragma once
 
 // Timing shared by the benchmarks: each figure is printed beside its limit as a ratio of two
-// measurements of the same run, and both are taken with this.
+// measurements of the same run, and both are taken with this. Also the common end of every
+// benchmark's main().
 
 #include <benchmark/benchmark.h>
 #include <time.h>
@@ -21,6 +22,15 @@ double timed(benchmark::State& state, Body body) {
   const double start = thread_cpu_seconds();
   for (auto _ : state) body();
   return (thread_cpu_seconds() - start) / static_cast<double>(state.iterations());
+}
+
+// Runs the registered benchmarks with the command line's options; the exit status of main().
+inline int run_benchmarks(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
 }
 
 }  // namespace tarnio_bench

@@ -141,9 +141,5 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("write/JSON::write", json_write)
       ->Unit(benchmark::kMillisecond)
       ->MinTime(2.0);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return tarnio_bench::run_benchmarks(argc, argv);
 }

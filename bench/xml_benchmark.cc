@@ -143,9 +143,5 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("xml/from_xml", from_xml)->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark("xml/pugixml_save", pugixml_save)->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark("xml/to_xml", to_xml)->Unit(benchmark::kMillisecond);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return tarnio_bench::run_benchmarks(argc, argv);
 }

@@ -4,21 +4,18 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "fuzz/fuzz_support.h"
 #include "tarnio/json/read_write.h"
 #include "tarnio/json/value.h"
 
 namespace {
 
 [[noreturn]] void fail(std::string_view what, std::string_view detail) {
-  std::fprintf(stderr, "json_fuzzer: %.*s\n%.*s\n", static_cast<int>(what.size()), what.data(),
-               static_cast<int>(detail.size()), detail.data());
-  std::abort();
+  tarnio_fuzz::fail("json_fuzzer", what, detail);
 }
 
 void check_round_trip(const JSON::Value& value, int indent) {

@@ -10,13 +10,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fuzz/fuzz_support.h"
 #include "tarnio/json/read_write.h"
 #include "tarnio/json/value.h"
 #include "tarnio/json/xml.h"
@@ -26,9 +25,7 @@ namespace {
 constexpr std::string_view kShapeError = "JSON value cannot be written as XML: ";
 
 [[noreturn]] void fail(std::string_view what, std::string_view detail) {
-  std::fprintf(stderr, "xml_fuzzer: %.*s\n%.*s\n", static_cast<int>(what.size()), what.data(),
-               static_cast<int>(detail.size()), detail.data());
-  std::abort();
+  tarnio_fuzz::fail("xml_fuzzer", what, detail);
 }
 
 bool is_control_character(char c) {
