@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tarnio/json/read_write.h"
+#include "tarnio/strings/internal/xml_escape.h"
 
 namespace JSON {
 namespace {
@@ -258,28 +259,7 @@ std::string_view escaped(std::string_view text, std::string_view specials, std::
   if (text.find_first_of(specials) == std::string_view::npos) return text;
   std::string out;
   out.reserve(text.size() + 16);
-  for (const char c : text) {
-    if (specials.find(c) == std::string_view::npos) {
-      out += c;
-      continue;
-    }
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      default:
-        out += fmt::format("&#{:02};", static_cast<int>(c));
-    }
-  }
+  Tarn::strings::internal::append_xml_escaped(out, text, specials);
   buffer = std::move(out);
   return buffer;
 }
