@@ -6,6 +6,9 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "tarnio/props/internal/dispatch.h"
+#include "tarnio/props/prop.h"
+
 namespace {
 
 namespace dt = Tarn::dt;
@@ -33,10 +36,10 @@ constexpr std::array kTypeTable{
     TypeEntry{dt::rgb32, nullptr, 4, &typeid(std::uint32_t), "RGB32 packed colour"},
     TypeEntry{dt::uint64, "uint64", 8, &typeid(std::uint64_t), "unsigned 64-bit integer"},
     TypeEntry{dt::int64, "int64", 8, &typeid(std::int64_t), "signed 64-bit integer"},
-    TypeEntry{dt::cell, "cell", 0, &typeid(void), "nested property value"},
-    TypeEntry{dt::struct_, "struct", 0, &typeid(void), "property structure"},
+    TypeEntry{dt::cell, "cell", 0, &typeid(TProp), "nested property value"},
+    TypeEntry{dt::struct_, "struct", 0, &typeid(TPropstruct), "property structure"},
     TypeEntry{dt::logical, "logical", 1, &typeid(bool), "boolean"},
-    TypeEntry{dt::char_, "char", 0, &typeid(void), "character string"},
+    TypeEntry{dt::char_, "char", 0, &typeid(TPropstring), "character string"},
     TypeEntry{dt::empty, "empty", 0, &typeid(void), "empty value"},
     TypeEntry{dt::cplx_uint8, "cplx_uint8", 0, &typeid(void), "complex of uint8 (name only)"},
     TypeEntry{dt::cplx_int8, "cplx_int8", 0, &typeid(void), "complex of int8 (name only)"},
@@ -116,6 +119,13 @@ DataType tarn_dt_from_name(const char* name) noexcept {
 }
 
 const std::type_info& tarn_dt_get_type(DataType dt) noexcept {
+  if ((dt & dt::array_flag) != 0) {
+    const std::type_info* array_type = &typeid(void);
+    Tarn::props::internal::visit_element(dt & dt::name_mask, [&](auto tag) {
+      array_type = &typeid(TProparray<typename decltype(tag)::type>);
+    });
+    return *array_type;
+  }
   const TypeEntry* entry = find_entry(dt);
   return entry != nullptr ? *entry->value_type : typeid(void);
 }

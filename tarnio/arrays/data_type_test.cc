@@ -9,6 +9,8 @@
 #include <typeinfo>
 #include <utility>
 
+#include "tarnio/props/prop.h"
+
 namespace {
 
 namespace dt = Tarn::dt;
@@ -45,7 +47,9 @@ TEST(DataTypeTable, NamesSizesAndListAgreeWithTheStoredCodes) {
     EXPECT_STREQ(tarn_dt_get_name(code(row.code)), row.name);
     EXPECT_EQ(tarn_dt_get_size(code(row.code)), row.size);
     EXPECT_STRNE(Tarn::arrays::data_type_description(code(row.code)), "unknown");
-    EXPECT_EQ(tarn_dt_get_type(code(row.code)) != typeid(void), row.size != 0);
+    const bool property_class =
+        code(row.code) == dt::cell || code(row.code) == dt::struct_ || code(row.code) == dt::char_;
+    EXPECT_EQ(tarn_dt_get_type(code(row.code)) != typeid(void), row.size != 0 || property_class);
     // A named code round-trips through its name; the array flag changes the size only.
     if (std::string(row.name) != "none") {
       EXPECT_EQ(tarn_dt_from_name(row.name), code(row.code));
@@ -73,7 +77,12 @@ TEST(DataTypeTable, ValueTypes) {
       {dt::single, typeid(float)}, {dt::logical, typeid(bool)}, {dt::rgb, typeid(_s_tarn_RGB)},
       {dt::rgb32, typeid(std::uint32_t)}, {dt::cplx_single, typeid(std::complex<float>)},
       {dt::cplx_double, typeid(std::complex<double>)}, {dt::empty, typeid(void)},
-      {dt::cplx_uint8, typeid(void)}, {DataType{3}, typeid(void)}};
+      {dt::cplx_uint8, typeid(void)}, {DataType{3}, typeid(void)},
+      {dt::cell, typeid(TProp)}, {dt::struct_, typeid(TPropstruct)}, {dt::char_, typeid(TPropstring)},
+      {dt::array_flag | dt::double_, typeid(TProparray<double>)},
+      {dt::array_flag | dt::rgb32, typeid(TProparray<std::uint32_t>)},
+      {dt::array_flag | dt::struct_, typeid(TProparray<TPropstruct>)},
+      {dt::array_flag | dt::cplx_uint8, typeid(void)}, {dt::array_flag, typeid(void)}};
   // clang-format on
   for (const auto& [code, type] : kTypes) EXPECT_EQ(tarn_dt_get_type(code), type) << code;
 }
