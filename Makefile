@@ -41,6 +41,8 @@ test: build
 
 demo: build
 	$(BUILD)/tools/tarn/tarn types
+	$(BUILD)/tools/tarn/tarn props tests/data/props/toolbox_params.xml --get 'lasers(0,1).name'
+	$(BUILD)/tools/tarn/tarn props tests/data/props/toolbox_params.xml --get stage
 
 bench: build
 	for b in $(BUILD)/bench/tarnio_*_benchmark; do $$b || exit 1; done

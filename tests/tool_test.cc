@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 
+#include "tarnio/json/read_write.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace {
@@ -23,6 +24,10 @@ std::string slurp(const std::filesystem::path& path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+void spill(const std::filesystem::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
 }
 
 ToolRun tarn(const std::string& arguments) {
@@ -64,6 +69,108 @@ TEST(TarnTool, UsageErrorsExitTwo) {
   EXPECT_EQ(tarn("").status, 2);
   EXPECT_EQ(tarn("no-such-command").status, 2);
   EXPECT_EQ(tarn("types --no-such-option").status, 2);
+}
+
+// A document with a struct, a value array, text, a logical, an empty value and a key that is
+// no member name.
+constexpr const char* kPropsJson =
+    R"({"a": [1, 2.5, -3], "b": {"c": "text", "my key": true}, "n": null, "i": )"
+    R"({"#type": "int16", "#size": [2, 2], "#data": [1, 2, 3, 4]}})";
+
+TEST(TarnTool, PropsConvertsJsonToXmlAndBack) {
+  Tarn::testing::TempDir dir;
+  spill(dir / "in.json", kPropsJson);
+  const ToolRun json = tarn("props " + (dir / "in.json").string());
+  ASSERT_EQ(json.status, 0) << json.err;
+  EXPECT_EQ(JSON::read(json.out), JSON::read(kPropsJson)) << json.out;
+
+  for (const std::string to : {"xml", "xml:2"}) {
+    const ToolRun xml = tarn("props " + (dir / "in.json").string() + " --to " + to + " -o " +
+                             (dir / "out.xml").string());
+    ASSERT_EQ(xml.status, 0) << xml.err;
+    EXPECT_EQ(xml.out, "");
+    EXPECT_NE(slurp(dir / "out.xml").find("tprop_version=\"1\""), std::string::npos);
+    const ToolRun back = tarn("props " + (dir / "out.xml").string());
+    ASSERT_EQ(back.status, 0) << back.err;
+    EXPECT_EQ(JSON::read(back.out), JSON::read(kPropsJson)) << back.out;
+  }
+}
+
+TEST(TarnTool, PropsWritesEveryXmlDialectAndReadsItBack) {
+  Tarn::testing::TempDir dir;
+  spill(dir / "in.json", R"({"x": 2.5, "s": "text"})");
+  const std::pair<const char*, const char*> dialects[] = {
+      {"xml:1", "xml_tb_version"}, {"xml:2", "tprop_version"}, {"xml:3", "<LVData"}};
+  for (const auto& [to, marker] : dialects) {
+    const ToolRun xml = tarn("props " + (dir / "in.json").string() + " --to " + to);
+    ASSERT_EQ(xml.status, 0) << to << ": " << xml.err;
+    EXPECT_NE(xml.out.find(marker), std::string::npos) << xml.out;
+    spill(dir / "out.xml", xml.out);
+    const ToolRun x = tarn("props - --get x < " + (dir / "out.xml").string());
+    EXPECT_EQ(x.status, 0) << to << ": " << x.err;
+    EXPECT_EQ(x.out, "2.5\n") << to;
+    const ToolRun s = tarn("props " + (dir / "out.xml").string() + " --get s");
+    EXPECT_EQ(s.out, "text\n") << to << ": " << s.err;
+  }
+}
+
+TEST(TarnTool, PropsGetPrintsScalarsAsTextAndTheRestAsJson) {
+  Tarn::testing::TempDir dir;
+  spill(dir / "in.json", kPropsJson);
+  const std::string in = (dir / "in.json").string();
+  const std::pair<std::string, std::string> texts[] = {
+      {"'a(1)'", "2.5\n"}, {"a/2", "-3\n"}, {"b.c", "text\n"}, {"'i(1,1)'", "4\n"}};
+  for (const auto& [path, text] : texts) {
+    const ToolRun run = tarn("props " + in + " --get " + path);
+    EXPECT_EQ(run.status, 0) << path << ": " << run.err;
+    EXPECT_EQ(run.out, text) << path;
+  }
+  const ToolRun escaped = tarn("props " + in + " --get b._-my-20key");
+  EXPECT_EQ(escaped.out, "1\n") << escaped.err;
+  const ToolRun members = tarn("props - --get b < " + in);
+  ASSERT_EQ(members.status, 0) << members.err;
+  EXPECT_EQ(JSON::read(members.out), JSON::read(R"({"c": "text", "my key": true})"));
+  spill(dir / "array.json", R"({"s": [{"a": 1}, {"a": [true]}]})");
+  const ToolRun element = tarn("props " + (dir / "array.json").string() + " --get 's(1)'");
+  EXPECT_EQ(JSON::read(element.out), JSON::read(R"({"a": [true]})")) << element.err;
+  const ToolRun matrix = tarn("props " + in + " --get i");
+  EXPECT_EQ(JSON::read(matrix.out),
+            JSON::read(R"({"#type": "int16", "#size": [2, 2], "#data": [1, 2, 3, 4]})"));
+}
+
+TEST(TarnTool, PropsFailuresExitOneWithOneLine) {
+  Tarn::testing::TempDir dir;
+  spill(dir / "in.json", kPropsJson);
+  spill(dir / "bad.json", R"({"a": [1, 2)");
+  spill(dir / "bad.xml", "<root tprop_version=\"2\"><item type=\"double\">1</item></root>");
+  spill(dir / "tagged.json", R"({"#type": "uint8", "#data": 256})");
+  const std::pair<std::string, std::string> failures[] = {
+      {"props " + (dir / "missing.json").string(), "tarn: Could not read '"},
+      {"props " + (dir / "bad.json").string(), "tarn: JSON parse error at line 1"},
+      {"props " + (dir / "bad.xml").string(), "tarn: Xml input of newer version than library."},
+      {"props " + (dir / "tagged.json").string(),
+       "tarn: Invalid property JSON at '/#data': Number 256 does not fit 'uint8'."},
+      {"props " + (dir / "in.json").string() + " --get b.zz",
+       "tarn: Invalid property path 'b.zz': Struct member 'zz' does not exist."},
+      {"props " + (dir / "in.json").string() + " -o " + (dir / "no" / "dir.json").string(),
+       "tarn: Could not write '"},
+  };
+  for (const auto& [arguments, start] : failures) {
+    const ToolRun run = tarn(arguments);
+    EXPECT_EQ(run.status, 1) << arguments;
+    EXPECT_EQ(run.err.rfind(start, 0), 0u) << arguments << ": " << run.err;
+    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+  }
+}
+
+TEST(TarnTool, PropsUsageErrorsExitTwo) {
+  Tarn::testing::TempDir dir;
+  spill(dir / "in.json", "1");
+  const std::string in = (dir / "in.json").string();
+  EXPECT_EQ(tarn("props").status, 2);
+  EXPECT_EQ(tarn("props " + in + " --to yaml").status, 2);
+  EXPECT_EQ(tarn("props " + in + " --to xml --get a").status, 2);
+  EXPECT_EQ(tarn("props " + in + " " + in).status, 2);
 }
 
 }  // namespace

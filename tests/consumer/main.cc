@@ -1,11 +1,14 @@
-// Uses the installed library as a user would: exits 0 when the element types and the errors
-// answer as documented.
+// Uses the installed library as a user would: exits 0 when the element types, the errors, the
+// JSON values and the property tree answer as documented.
 
 #include <tarnio/arrays/data_type.h>
 #include <tarnio/errors/last_error.h>
 #include <tarnio/errors/tarn_error.h>
 #include <tarnio/json/read_write.h>
 #include <tarnio/json/xml.h>
+#include <tarnio/props/json.h>
+#include <tarnio/props/prop.h>
+#include <tarnio/props/xml.h>
 #include <tarnio/version.h>
 
 #include <cstdio>
@@ -22,6 +25,11 @@ int main() {
   if (std::strcmp(tarn_get_last_error_string(), "ERROR\n    consumer check") != 0) return 3;
   const JSON::Value tags = JSON::read(R"({"Image": [{"ID": "Image:0"}]})");
   if (JSON::from_xml(JSON::to_xml(tags)) != tags) return 4;
+  TProp params;
+  params["camera.roi"] = TProp::array(Tarn::dt::uint16, {4});
+  params["channels{1}"] = TProp("mCherry");
+  if (tarn_import_xml(tarn_export_xml(params)) != params) return 5;
+  if (tarn_import_json(tarn_export_json(params)) != params) return 6;
   std::printf("tarnio %s\n", TARNIO_VERSION_STRING);
   return 0;
 }

@@ -8,5 +8,6 @@
 namespace tarn {
 
 void add_types_command(CLI::App& app);
+void add_props_command(CLI::App& app);
 
 }  // namespace tarn

@@ -23,11 +23,13 @@ int fail(const std::string& message) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"tarn: read, write and inspect TBF stack files and their metadata."};
+  CLI::App app{
+      "tarn: read, write and inspect TBF stack files, their metadata and property documents."};
   app.name("tarn");
   app.set_version_flag("--version", std::string("tarn ") + TARNIO_VERSION_STRING);
   app.require_subcommand(1);
   tarn::add_types_command(app);
+  tarn::add_props_command(app);
 
   try {
     app.parse(argc, argv);
