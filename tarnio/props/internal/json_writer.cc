@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "tarnio/json/internal/text_writer.h"
 #include "tarnio/json/read_write.h"
 #include "tarnio/props/internal/dispatch.h"
 #include "tarnio/props/internal/json_form.h"
@@ -52,128 +53,13 @@ std::string_view special_float(double value) {
   return value < 0 ? "-Inf" : "Inf";
 }
 
-// JSON text as JSON::write writes it: the same escapes, number forms and layout. The writer
-// below calls it event by event; a key comes just before its value.
-class TextOut {
+// JSON text from the events, written as JSON::write writes the equivalent JSON value; the
+// counts of the events are hints for ValueOut only.
+class TextOut : public JSON::internal::TextWriter {
  public:
-  explicit TextOut(int indent) : indent_(indent) {}
-
-  void begin_object(std::size_t) { open('{'); }
-  void end_object() { close('}'); }
-  void begin_list(std::size_t) { open('['); }
-  void end_list() { close(']'); }
-  void key(std::string_view key) {
-    next_item();
-    append_string(key);
-    out_.append(indent_ < 0 ? ":" : ": ");
-    after_key_ = true;
-  }
-  void null() {
-    before_value();
-    out_.append("null");
-  }
-  void boolean(bool value) {
-    before_value();
-    out_.append(value ? "true" : "false");
-  }
-  template <typename I>
-  requires std::is_same_v<I, std::int64_t> || std::is_same_v<I, std::uint64_t>
-  void number(I value) {
-    before_value();
-    const fmt::format_int text(value);
-    out_.append(text.data(), text.size());
-  }
-  // Finite values only.
-  void number(double value) {
-    before_value();
-    char text[40];
-    const char* const end = fmt::format_to(text, "{}", value);
-    const std::string_view shortest(text, static_cast<std::size_t>(end - text));
-    out_.append(shortest);
-    if (shortest.find_first_of(".e") == std::string_view::npos) out_.append(".0");
-  }
-  void string(std::string_view value) {
-    before_value();
-    append_string(value);
-  }
-
-  std::string take() { return std::move(out_); }
-
- private:
-  void before_value() {
-    if (after_key_) {
-      after_key_ = false;
-    } else if (!counts_.empty()) {
-      next_item();
-    }
-  }
-  void next_item() {
-    if (counts_.back()++ > 0) out_.push_back(',');
-    new_line();
-  }
-  void open(char bracket) {
-    before_value();
-    out_.push_back(bracket);
-    counts_.push_back(0);
-  }
-  void close(char bracket) {
-    const bool has_items = counts_.back() > 0;
-    counts_.pop_back();
-    if (has_items) new_line();
-    out_.push_back(bracket);
-  }
-  void new_line() {
-    if (indent_ < 0) return;
-    out_.push_back('\n');
-    out_.append(counts_.size() * static_cast<std::size_t>(indent_), ' ');
-  }
-  void append_string(std::string_view text) {
-    out_.push_back('"');
-    std::size_t copied = 0;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-      const auto byte = static_cast<unsigned char>(text[at]);
-      if (byte >= 0x20 && byte != '"' && byte != '\\') continue;
-      out_.append(text.data() + copied, at - copied);
-      copied = at + 1;
-      out_.push_back('\\');
-      switch (byte) {
-        case '"':
-          out_.push_back('"');
-          break;
-        case '\\':
-          out_.push_back('\\');
-          break;
-        case '\b':
-          out_.push_back('b');
-          break;
-        case '\f':
-          out_.push_back('f');
-          break;
-        case '\n':
-          out_.push_back('n');
-          break;
-        case '\r':
-          out_.push_back('r');
-          break;
-        case '\t':
-          out_.push_back('t');
-          break;
-        default:
-          out_.append("u00");
-          out_.push_back(kLowerHex[byte >> 4]);
-          out_.push_back(kLowerHex[byte & 0xF]);
-      }
-    }
-    out_.append(text.data() + copied, text.size() - copied);
-    out_.push_back('"');
-  }
-
-  static constexpr std::string_view kLowerHex = "0123456789abcdef";
-
-  int indent_;
-  std::vector<std::size_t> counts_;  // items written so far in each open container
-  bool after_key_ = false;
-  std::string out_;
+  using TextWriter::TextWriter;
+  void begin_object(std::size_t) { TextWriter::begin_object(); }
+  void begin_list(std::size_t) { TextWriter::begin_list(); }
 };
 
 // A JSON::Value built from the same events.
