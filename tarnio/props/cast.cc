@@ -16,6 +16,7 @@
 namespace {
 
 using Tarn::props::internal::append_number;
+using Tarn::props::internal::is_complex_element;
 using Tarn::props::internal::is_number_element;
 using Tarn::props::internal::parse_number;
 using Tarn::props::internal::trim_blanks;
@@ -72,7 +73,7 @@ bool is_number_code(DataType code) {
 
 template <typename T>
 void append_element(std::string& out, const T& value) {
-  if constexpr (std::is_same_v<T, std::complex<float>> || std::is_same_v<T, std::complex<double>>) {
+  if constexpr (is_complex_element<T>) {
     append_number(out, value.real());
     out.push_back(' ');
     append_number(out, value.imag());
@@ -97,7 +98,7 @@ std::vector<std::string_view> words(std::string_view text) {
 template <typename T>
 TProp read_element(const std::string& text) {
   T value{};
-  if constexpr (std::is_same_v<T, std::complex<float>> || std::is_same_v<T, std::complex<double>>) {
+  if constexpr (is_complex_element<T>) {
     typename T::value_type parts[2] = {0, 0};
     const auto split = words(text);
     if (split.empty() || split.size() > 2) not_convertible(text);

@@ -15,6 +15,7 @@ namespace Tarn::props {
 
 namespace {
 
+using internal::is_complex_element;
 using internal::is_number_element;
 using internal::visit_element;
 
@@ -87,8 +88,7 @@ template <typename T>
 bool equal_elements(const T& a, const T& b, const CompareTraits& traits) {
   if constexpr (std::is_floating_point_v<T>) {
     return same_float(a, b, traits);
-  } else if constexpr (std::is_same_v<T, std::complex<float>> ||
-                       std::is_same_v<T, std::complex<double>>) {
+  } else if constexpr (is_complex_element<T>) {
     return same_float(a.real(), b.real(), traits) && same_float(a.imag(), b.imag(), traits);
   } else if constexpr (std::is_same_v<T, _s_tarn_RGB>) {
     return a.red == b.red && a.green == b.green && a.blue == b.blue;

@@ -32,13 +32,6 @@ int hex_value(char c) {
 
 }  // namespace
 
-std::string_view kind_name(DataType code) {
-  for (const KindName& kind : kKindNames) {
-    if (kind.code == code) return kind.name;
-  }
-  throw std::runtime_error("Type unknown or incompatible with property arrays.");
-}
-
 std::string nesting_message() {
   return fmt::format("Property JSON nested deeper than {} levels.", kMaxJsonDepth);
 }

@@ -80,10 +80,13 @@ bool visit_element(DataType element, F&& f) {
   }
 }
 
+// The complex element classes.
+template <typename T>
+inline constexpr bool is_complex_element =
+    std::is_same_v<T, std::complex<float>> || std::is_same_v<T, std::complex<double>>;
+
 // The element classes that are numbers (integers, floating point, complex, logical).
 template <typename T>
-inline constexpr bool is_number_element =
-    std::is_arithmetic_v<T> || std::is_same_v<T, std::complex<float>> ||
-    std::is_same_v<T, std::complex<double>>;
+inline constexpr bool is_number_element = std::is_arithmetic_v<T> || is_complex_element<T>;
 
 }  // namespace Tarn::props::internal

@@ -13,6 +13,7 @@
 
 #include "tarnio/arrays/data_type.h"
 #include "tarnio/json/value.h"
+#include "tarnio/props/internal/kind_names.h"
 #include "tarnio/props/prop.h"
 #include "tarnio/props/xml.h"
 
@@ -25,40 +26,6 @@ inline constexpr std::string_view kIdKey = "#id";
 inline constexpr std::string_view kBitsKey = "#bits";
 
 inline constexpr int kMaxJsonDepth = kMaxXmlDepth;
-
-// Every kind the tagged form names, by its name in "#type".
-struct KindName {
-  std::string_view name;
-  DataType code;
-};
-inline constexpr KindName kKindNames[] = {{"double", dt::double_},
-                                          {"single", dt::single},
-                                          {"int8", dt::int8},
-                                          {"uint8", dt::uint8},
-                                          {"int16", dt::int16},
-                                          {"uint16", dt::uint16},
-                                          {"int32", dt::int32},
-                                          {"uint32", dt::uint32},
-                                          {"int64", dt::int64},
-                                          {"uint64", dt::uint64},
-                                          {"logical", dt::logical},
-                                          {"cplx_single", dt::cplx_single},
-                                          {"cplx_double", dt::cplx_double},
-                                          {"rgb", dt::rgb},
-                                          {"rgb32", dt::rgb32},
-                                          {"char", dt::char_},
-                                          {"struct", dt::struct_},
-                                          {"cell", dt::cell},
-                                          {"empty", dt::empty},
-                                          {"none", dt::none}};
-
-// The name of a kind in "#type"; "Type unknown or incompatible with property arrays." for a
-// code without one.
-std::string_view kind_name(DataType code);
-
-template <typename T>
-inline constexpr bool is_complex =
-    std::is_same_v<T, std::complex<float>> || std::is_same_v<T, std::complex<double>>;
 
 // The message of a value nested deeper than kMaxJsonDepth levels.
 std::string nesting_message();

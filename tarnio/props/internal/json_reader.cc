@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -138,7 +139,7 @@ T read_element(const JSON::Value& json, std::string_view kind) {
     return read_float(json, kind);
   } else if constexpr (std::is_same_v<T, float>) {
     return read_float32(json, kind);
-  } else if constexpr (is_complex<T>) {
+  } else if constexpr (is_complex_element<T>) {
     if (!json.is_list() || json.size() != 2) {
       bad_element("Expected a list of two numbers (real, imaginary) for '{}', found {}.", kind,
                   json.is_list() ? "a list of " + std::to_string(json.size()) : kind_of(json));
@@ -299,28 +300,25 @@ class Reader {
     }
     if (!type->is_string()) fail("'#type' must be a string, found {}.", kind_of(*type));
     const std::string_view name = type->get_string();
-    const KindName* kind = nullptr;
-    for (const KindName& candidate : kKindNames) {
-      if (candidate.name == name) kind = &candidate;
-    }
-    if (kind == nullptr) fail("Unknown type '{}'.", name);
+    const std::optional<DataType> kind = kind_of_name(name);
+    if (!kind) fail("Unknown type '{}'.", name);
 
     TProp result;
-    if (kind->code == dt::none || kind->code == dt::empty) {
+    if (*kind == dt::none || *kind == dt::empty) {
       for (const auto& [key, value] :
            {std::pair{kSizeKey, size}, std::pair{kDataKey, data}, std::pair{kBitsKey, bits}}) {
         if (value != nullptr) fail("'{}' does not belong to type '{}'.", key, name);
       }
-      if (kind->code == dt::empty) result = TProp(TPropempty{});
+      if (*kind == dt::empty) result = TProp(TPropempty{});
     } else {
       if (data == nullptr) fail("Missing '#data' for type '{}'.", name);
       TPropSize shape;
       if (size != nullptr) shape = read_shape(*size, *data);
-      visit_element(kind->code, [&](auto tag) {
+      visit_element(*kind, [&](auto tag) {
         using T = typename decltype(tag)::type;
         path_.push_back({kDataKey});
-        result = size != nullptr ? read_array<T>(*data, shape, kind->code, name, depth)
-                                 : read_single<T>(*data, kind->code, name, depth);
+        result = size != nullptr ? read_array<T>(*data, shape, *kind, name, depth)
+                                 : read_single<T>(*data, *kind, name, depth);
         path_.pop_back();
       });
     }

@@ -270,7 +270,7 @@ class Writer {
       } else {
         out_.number(value);
       }
-    } else if constexpr (is_complex<T>) {
+    } else if constexpr (is_complex_element<T>) {
       out_.begin_list(2);
       write_element(value.real());
       write_element(value.imag());

@@ -62,6 +62,7 @@
 #include <vector>
 
 #include "tarnio/props/internal/dispatch.h"
+#include "tarnio/props/internal/kind_names.h"
 #include "tarnio/props/internal/number_text.h"
 #include "tarnio/props/internal/xml_dialects.h"
 #include "tarnio/props/internal/xml_support.h"
@@ -77,18 +78,6 @@ constexpr const char* kSizeMismatch =
     "Invalid array shape: Size does not match number of elements.";
 constexpr const char* kMalformedComplex = "Malformed 'complex' element.";
 constexpr std::string_view kBlanks = " \t\r\n";
-
-// The kinds a value element can have, the most frequent first.
-constexpr std::array<DataType, 20> kKinds = {
-    dt::double_, dt::int32,       dt::char_,       dt::struct_, dt::logical, dt::cell,   dt::single,
-    dt::uint8,   dt::int8,        dt::uint16,      dt::int16,   dt::uint32,  dt::uint64, dt::int64,
-    dt::rgb,     dt::cplx_single, dt::cplx_double, dt::rgb32,   dt::empty,   dt::none};
-
-std::string_view kind_name(DataType element) {
-  if (element == dt::rgb) return "rgb";
-  if (element == dt::rgb32) return "rgb32";
-  return tarn_dt_get_name(element);
-}
 
 bool is_blank(std::string_view text) {
   return text.find_first_not_of(kBlanks) == std::string_view::npos;
@@ -120,10 +109,6 @@ const char* reference_for(char c, bool in_attribute) {
       return nullptr;
   }
 }
-
-template <typename T>
-constexpr bool is_complex =
-    std::is_same_v<T, std::complex<float>> || std::is_same_v<T, std::complex<double>>;
 
 // Where a value goes in the document, for messages: its element name, its place among the
 // siblings of that name, and the element that holds it.
@@ -244,7 +229,7 @@ class PropertyWriter {
       out_ += '"';
     }
     common_attributes(value, place);
-    if constexpr (is_complex<T>) {
+    if constexpr (is_complex_element<T>) {
       check_depth(depth + 1);
       out_ += ">\n";
       indent(depth + 1);
@@ -452,15 +437,8 @@ struct Attributes {
 };
 
 DataType kind_of(const Attributes& attributes) {
-  static const std::array<std::string_view, kKinds.size()> names = [] {
-    std::array<std::string_view, kKinds.size()> kind_names;
-    for (std::size_t i = 0; i < kKinds.size(); ++i) kind_names[i] = kind_name(kKinds[i]);
-    return kind_names;
-  }();
   const std::string_view type = attributes.type_name();
-  for (std::size_t i = 0; i < kKinds.size(); ++i) {
-    if (names[i] == type) return kKinds[i];
-  }
+  if (const auto kind = kind_of_name(type)) return *kind;
   throw std::runtime_error(fmt::format("Unknown value type '{}'.", type));
 }
 
@@ -705,7 +683,7 @@ class PropertyReader {
         throw std::runtime_error(kSizeMismatch);
       }
     }
-    if constexpr (is_complex<T>) {
+    if constexpr (is_complex_element<T>) {
       const auto [real, imaginary] = complex_parts(element);
       if (count > max_words(real.size()) || count > max_words(imaginary.size())) {
         throw std::runtime_error(kSizeMismatch);

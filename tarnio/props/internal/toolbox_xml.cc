@@ -663,8 +663,7 @@ class Writer {
       if (count == 0) return close_empty();
       out_ += '>';
       append_elements(reinterpret_cast<const std::uint8_t*>(array.data()), 3 * count);
-    } else if constexpr (std::is_same_v<T, std::complex<float>> ||
-                         std::is_same_v<T, std::complex<double>>) {
+    } else if constexpr (is_complex_element<T>) {
       using Part = typename T::value_type;
       const char* part_type = std::is_same_v<Part, float> ? "single" : "double";
       open(name, index, depth, "complex", shape);
