@@ -17,6 +17,7 @@ namespace {
 
 using Tarn::props::internal::append_number;
 using Tarn::props::internal::is_complex_element;
+using Tarn::props::internal::is_number_code;
 using Tarn::props::internal::is_number_element;
 using Tarn::props::internal::parse_number;
 using Tarn::props::internal::trim_blanks;
@@ -65,10 +66,6 @@ void convert_number(DataType from, const void* source, DataType to, void* target
   } else if (tarn_dt_convert(from, to, source, target, 1, nullptr, nullptr) != 0) {
     invalid_cast();
   }
-}
-
-bool is_number_code(DataType code) {
-  return is_real_code(code) || is_complex_code(code) || code == dt::logical;
 }
 
 template <typename T>

@@ -16,6 +16,7 @@ namespace Tarn::props {
 namespace {
 
 using internal::is_complex_element;
+using internal::is_number_code;
 using internal::is_number_element;
 using internal::visit_element;
 
@@ -51,13 +52,6 @@ View view_of(const TProp& value) {
 bool is_empty_kind(const View& view) {
   return view.element == dt::none || view.element == dt::empty ||
          (view.array != nullptr && view.count == 0);
-}
-
-bool is_number_code(DataType element) {
-  bool number = false;
-  visit_element(element,
-                [&](auto tag) { number = is_number_element<typename decltype(tag)::type>; });
-  return number && element != dt::rgb32;
 }
 
 TPropSize without_trailing_ones(TPropSize shape) {

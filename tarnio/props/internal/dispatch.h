@@ -89,4 +89,12 @@ inline constexpr bool is_complex_element =
 template <typename T>
 inline constexpr bool is_number_element = std::is_arithmetic_v<T> || is_complex_element<T>;
 
+// Whether a code (without the array flag) is a number kind: the ten real kinds, the two complex
+// ones and logical. RGB32, though held as std::uint32_t, is a colour.
+inline bool is_number_code(DataType code) {
+  bool number = false;
+  visit_element(code, [&](auto tag) { number = is_number_element<typename decltype(tag)::type>; });
+  return number && code != dt::rgb32;
+}
+
 }  // namespace Tarn::props::internal
