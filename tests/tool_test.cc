@@ -173,4 +173,28 @@ TEST(TarnTool, PropsUsageErrorsExitTwo) {
   EXPECT_EQ(tarn("props " + in + " " + in).status, 2);
 }
 
+TEST(TarnTool, UnitsConvertsValues) {
+  const std::pair<std::string, std::string> conversions[] = {
+      {"units '1.5 um' --to nm", "1500 nm\n"}, {"units '20 °C' --to K", "293.15 K\n"},
+      {"units '1 inch' --to mm", "25.4 mm\n"}, {"units '3/s' --to Hz", "3 Hz\n"},
+      {"units '2.5 um'", "2.5 µm\n"},
+  };
+  for (const auto& [arguments, out] : conversions) {
+    const ToolRun run = tarn(arguments);
+    EXPECT_EQ(run.status, 0) << arguments << ": " << run.err;
+    EXPECT_EQ(run.out, out) << arguments;
+  }
+  const std::pair<std::string, std::string> failures[] = {
+      {"units '1 um' --to s", "tarn: Cannot convert 'µm' to 's': incompatible units.\n"},
+      {"units '1 furlong'", "tarn: Unknown unit 'furlong' at position 3 of '1 furlong'.\n"},
+      {"units '1 m' --to 'm//s'", "tarn: Invalid unit 'm//s' at position 3.\n"},
+  };
+  for (const auto& [arguments, err] : failures) {
+    const ToolRun run = tarn(arguments);
+    EXPECT_EQ(run.status, 1) << arguments;
+    EXPECT_EQ(run.err, err) << arguments;
+  }
+  EXPECT_EQ(tarn("units").status, 2);
+}
+
 }  // namespace

@@ -1,5 +1,7 @@
 #include "tarnio/units/base_unit.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -7,6 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tarnio/units/internal/unit_parser.h"
 #include "tarnio/units/internal/unit_table.h"
 
 namespace Tarn::units {
@@ -64,16 +67,28 @@ bool is_digit(char c) { return c >= '0' && c <= '9'; }
 // pass, the text into a single string reserved up front.
 class UnitParser {
  public:
-  explicit UnitParser(std::string_view text) : text_(text) {}
+  // Parses `given` from `start` on; messages name all of `given`.
+  UnitParser(std::string_view given, std::size_t start)
+      : given_(given), text_(given.substr(start)), leading_blanks_(start) {}
 
-  BaseUnit parse() {
-    while (!text_.empty() && is_blank(text_.front())) text_.remove_prefix(1);
+  // With `after_number`, a leading '/' divides the number before it: "2/s" is 2 1/s.
+  BaseUnit parse(bool after_number = false) {
+    while (!text_.empty() && is_blank(text_.front())) {
+      text_.remove_prefix(1);
+      ++leading_blanks_;
+    }
     while (!text_.empty() && is_blank(text_.back())) text_.remove_suffix(1);
     BaseUnit result;
     if (text_.empty()) return result;
     result.symbol_.reserve(text_.size() + 8);
     out_ = &result.symbol_;
-    Term term = expression();
+    Term term;
+    if (after_number && text_.front() == '/') {
+      *out_ += '1';
+      term = rest_of_expression(term);
+    } else {
+      term = expression();
+    }
     if (pos_ != text_.size()) fail_syntax();
     result.exponents_ = term.exponents;
     result.factor_ = term.factor;
@@ -92,8 +107,12 @@ class UnitParser {
 
   static bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
+  // Positions in messages count bytes from 1 in the text as given.
+  std::size_t position(std::size_t index) const { return leading_blanks_ + index + 1; }
+
   [[noreturn]] void fail_syntax() const {
-    throw std::runtime_error("Invalid unit '" + std::string(text_) + "'.");
+    throw std::runtime_error(
+        fmt::format("Invalid unit '{}' at position {}.", given_, position(pos_)));
   }
 
   bool at(std::string_view s) const { return text_.substr(pos_).starts_with(s); }
@@ -126,8 +145,10 @@ class UnitParser {
     return t;
   }
 
-  Term expression() {
-    Term term = factor();
+  Term expression() { return rest_of_expression(factor()); }
+
+  // The factors that follow `term`, each with its '*', '·', blank or '/'.
+  Term rest_of_expression(Term term) {
     for (;;) {
       const bool blank = skip_blanks() > 0;
       if (at_end() || text_[pos_] == ')') return term;
@@ -192,8 +213,8 @@ class UnitParser {
     }
     const auto resolved = internal::resolve_symbol(word);
     if (!resolved) {
-      throw std::runtime_error("Unknown unit '" + std::string(word) + "' in '" +
-                               std::string(text_) + "'.");
+      throw std::runtime_error(
+          fmt::format("Unknown unit '{}' at position {} of '{}'.", word, position(start), given_));
     }
     Term term;
     term.exponents = resolved->symbol->exponents;
@@ -246,10 +267,13 @@ class UnitParser {
     return t;
   }
 
+  std::string_view given_;
+  // given_ without its leading and trailing blanks.
   std::string_view text_;
   std::size_t pos_ = 0;
   int depth_ = 0;
   std::string* out_ = nullptr;
+  std::size_t leading_blanks_ = 0;
 };
 
 BaseUnit::BaseUnit(const Exponents& exponents, double factor, int exp10, double offset,
@@ -260,7 +284,11 @@ BaseUnit::BaseUnit(const Exponents& exponents, double factor, int exp10, double 
       offset_(offset),
       symbol_(std::move(symbol)) {}
 
-BaseUnit BaseUnit::parse(std::string_view text) { return UnitParser(text).parse(); }
+BaseUnit BaseUnit::parse(std::string_view text) { return UnitParser(text, 0).parse(); }
+
+BaseUnit internal::parse_unit_of_value(std::string_view value_text, std::size_t unit_start) {
+  return UnitParser(value_text, unit_start).parse(true);
+}
 
 double BaseUnit::scale() const { return scale_by_ten(factor_, exp10_); }
 

@@ -62,9 +62,9 @@ class TARNIO_EXPORT BaseUnit {
   BaseUnit(const Exponents& exponents, double factor, int exp10, double offset, std::string symbol);
 
   // Parses a unit text (see above); leading and trailing blanks are ignored and an empty text
-  // is the dimensionless unit. Throws std::runtime_error "Unknown unit 'X' in 'TEXT'." or
-  // "Invalid unit 'TEXT'." (bad syntax, an exponent beyond ±64, parentheses nested deeper
-  // than 32).
+  // is the dimensionless unit. Throws std::runtime_error "Unknown unit 'X' at position N of
+  // 'TEXT'." or "Invalid unit 'TEXT' at position N." (bad syntax, an exponent beyond ±64,
+  // parentheses nested deeper than 32), N counting bytes of TEXT from 1.
   static BaseUnit parse(std::string_view text);
 
   const Exponents& exponents() const { return exponents_; }

@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tarnio/units/internal/unit_parser.h"
+
 namespace Tarn::units {
 
 RuntimeValue::RuntimeValue(double value, BaseUnit unit) : value_(value), unit_(std::move(unit)) {}
@@ -32,13 +34,8 @@ RuntimeValue RuntimeValue::parse(std::string_view text) {
   } else if (plus) {
     throw std::runtime_error("Invalid value '" + std::string(text) + "'.");
   }
-  // "2/s": the number stands in front of the quotient "1/s".
-  if (!rest.empty() && rest.front() == '/') {
-    std::string unit = "1";
-    unit += rest;
-    return RuntimeValue(value, BaseUnit::parse(unit));
-  }
-  return RuntimeValue(value, BaseUnit::parse(rest));
+  return RuntimeValue(value, internal::parse_unit_of_value(
+                                 text, static_cast<std::size_t>(rest.data() - text.data())));
 }
 
 RuntimeValue RuntimeValue::in(const BaseUnit& unit) const {

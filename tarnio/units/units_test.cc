@@ -222,26 +222,34 @@ TEST(BaseUnit, MalformedTextIsRejectedClearly) {
     std::string_view text, message;
   };
   const Case cases[] = {
-      {"furlong", "Unknown unit 'furlong' in 'furlong'."},
-      {"m/parsec", "Unknown unit 'parsec' in 'm/parsec'."},
-      {"kmin", "Unknown unit 'kmin' in 'kmin'."},
-      {"kin", "Unknown unit 'kin' in 'kin'."},
-      {"m^", "Invalid unit 'm^'."},
-      {"m^x", "Invalid unit 'm^x'."},
-      {"m^999", "Invalid unit 'm^999'."},
-      {"m^40*m^40", "Invalid unit 'm^40*m^40'."},
-      {"m//s", "Invalid unit 'm//s'."},
-      {"(m/s", "Invalid unit '(m/s'."},
-      {"m)", "Invalid unit 'm)'."},
-      {"2 m", "Invalid unit '2 m'."},
-      {"1m", "Invalid unit '1m'."},
-      {"m*", "Invalid unit 'm*'."},
-      {"\xC2", "Unknown unit '\xC2' in '\xC2'."},
+      {"furlong", "Unknown unit 'furlong' at position 1 of 'furlong'."},
+      {"m/parsec", "Unknown unit 'parsec' at position 3 of 'm/parsec'."},
+      {"kmin", "Unknown unit 'kmin' at position 1 of 'kmin'."},
+      {"kin", "Unknown unit 'kin' at position 1 of 'kin'."},
+      {"m^", "Invalid unit 'm^' at position 3."},
+      {"m^x", "Invalid unit 'm^x' at position 3."},
+      {"m^999", "Invalid unit 'm^999' at position 4."},
+      {"m^40*m^40", "Invalid unit 'm^40*m^40' at position 10."},
+      {"m//s", "Invalid unit 'm//s' at position 3."},
+      {"(m/s", "Invalid unit '(m/s' at position 5."},
+      {"m)", "Invalid unit 'm)' at position 2."},
+      {"2 m", "Invalid unit '2 m' at position 1."},
+      {"1m", "Invalid unit '1m' at position 2."},
+      {"m*", "Invalid unit 'm*' at position 3."},
+      {"\xC2", "Unknown unit '\xC2' at position 1 of '\xC2'."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.text));
     EXPECT_THROW_MESSAGE((void)BaseUnit::parse(c.text), std::runtime_error, c.message);
   }
+  // Errors in the unit of a value name the whole value text.
+  EXPECT_THROW_MESSAGE(RuntimeValue::parse("1.5 um//s"), std::runtime_error,
+                       "Invalid unit '1.5 um//s' at position 8.");
+  EXPECT_THROW_MESSAGE(RuntimeValue::parse("2/furlong"), std::runtime_error,
+                       "Unknown unit 'furlong' at position 3 of '2/furlong'.");
+  // Positions count in the text as given, blanks included.
+  EXPECT_THROW_MESSAGE((void)BaseUnit::parse("  m//s"), std::runtime_error,
+                       "Invalid unit '  m//s' at position 5.");
   // Deep nesting is refused, not followed down the stack.
   const std::string nested = std::string(100000, '(') + "m" + std::string(100000, ')');
   EXPECT_THROW(BaseUnit::parse(nested), std::runtime_error);

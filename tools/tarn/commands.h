@@ -9,5 +9,6 @@ namespace tarn {
 
 void add_types_command(CLI::App& app);
 void add_props_command(CLI::App& app);
+void add_units_command(CLI::App& app);
 
 }  // namespace tarn

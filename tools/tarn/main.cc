@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   tarn::add_types_command(app);
   tarn::add_props_command(app);
+  tarn::add_units_command(app);
 
   try {
     app.parse(argc, argv);
