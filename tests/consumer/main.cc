@@ -1,5 +1,5 @@
 // Uses the installed library as a user would: exits 0 when the element types, the errors, the
-// JSON values and the property tree answer as documented.
+// JSON values, the property tree and in-memory stacks answer as documented.
 
 #include <tarnio/arrays/data_type.h>
 #include <tarnio/errors/last_error.h>
@@ -9,6 +9,7 @@
 #include <tarnio/props/json.h>
 #include <tarnio/props/prop.h>
 #include <tarnio/props/xml.h>
+#include <tarnio/stack_factory/create_stack.h>
 #include <tarnio/version.h>
 
 #include <cstdio>
@@ -30,6 +31,12 @@ int main() {
   params["channels{1}"] = TProp("mCherry");
   if (tarn_import_xml(tarn_export_xml(params)) != params) return 5;
   if (tarn_import_json(tarn_export_json(params)) != params) return 6;
+  auto stack = Tarn::create_stack(Tarn::dt::uint16, {4, 3});
+  stack->data<std::uint16_t>()[5] = 7;
+  stack->set_tag("params", params);
+  float element = 0;
+  stack->copy_out(Tarn::arrays::Region({1, 1}, {1, 1}), Tarn::dt::single, &element);
+  if (element != 7.0f || stack->tags().size() != 1) return 7;
   std::printf("tarnio %s\n", TARNIO_VERSION_STRING);
   return 0;
 }

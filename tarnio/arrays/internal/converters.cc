@@ -94,6 +94,25 @@ void convert_plain(const void* src, std::size_t src_stride, void* dst, std::size
       std::memcpy(typed_dst, typed_src, count * sizeof(S));
       return;
     }
+    // A strided copy within one type needs no block buffer: gather straight into a destination
+    // that is not streamed, and scatter straight from a contiguous source.
+    if (dst_stride == 1 && count * sizeof(D) < kStreamingThreshold) {
+      gather(typed_src, src_stride, typed_dst, count);
+      return;
+    }
+    if (src_stride == 1) {
+      scatter(typed_src, typed_dst, dst_stride, count);
+      return;
+    }
+  } else if (src_stride >= 2 && src_stride <= 4 && dst_stride == 1 &&
+             count * sizeof(D) < kStreamingThreshold) {
+    // Every second pixel and the like: one pass, vectorised for the stride, in place of a
+    // gather into a block buffer followed by the kernel.
+    with_stride(src_stride, [&](auto step) {
+      for (std::size_t i = 0; i < count; ++i)
+        typed_dst[i] = convert_element<D>(typed_src[i * step]);
+    });
+    return;
   }
   convert_blocked<S, D, 1, 1>(
       {typed_src}, src_stride, {typed_dst}, dst_stride, count,
