@@ -5,9 +5,11 @@
 // element converter. Every function is thread-safe and never throws; the name tables behind
 // them are built once, on first use, and are read-only afterwards. Returned strings are static.
 
+#include <complex>
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <type_traits>
 #include <typeinfo>
 
 #include "tarnio/export.h"
@@ -102,6 +104,43 @@ TARNIO_EXPORT int tarn_dt_convert_with_strides(DataType src_dt, DataType dst_dt,
 TARNIO_EXPORT const std::type_info& tarn_dt_get_type(DataType dt) noexcept;
 
 namespace Tarn::arrays {
+
+// The type code of an element value type: std::uint16_t -> uint16, std::complex<float> ->
+// cplx_single, bool -> logical, _s_tarn_RGB -> rgb. std::uint32_t stands for uint32; RGB32
+// elements, stored as std::uint32_t too, take Tarn::dt::rgb32 explicitly.
+template <typename T>
+constexpr DataType data_type_of() {
+  if constexpr (std::is_same_v<T, std::uint8_t>)
+    return dt::uint8;
+  else if constexpr (std::is_same_v<T, std::int8_t>)
+    return dt::int8;
+  else if constexpr (std::is_same_v<T, std::uint16_t>)
+    return dt::uint16;
+  else if constexpr (std::is_same_v<T, std::int16_t>)
+    return dt::int16;
+  else if constexpr (std::is_same_v<T, std::uint32_t>)
+    return dt::uint32;
+  else if constexpr (std::is_same_v<T, std::int32_t>)
+    return dt::int32;
+  else if constexpr (std::is_same_v<T, std::uint64_t>)
+    return dt::uint64;
+  else if constexpr (std::is_same_v<T, std::int64_t>)
+    return dt::int64;
+  else if constexpr (std::is_same_v<T, float>)
+    return dt::single;
+  else if constexpr (std::is_same_v<T, double>)
+    return dt::double_;
+  else if constexpr (std::is_same_v<T, std::complex<float>>)
+    return dt::cplx_single;
+  else if constexpr (std::is_same_v<T, std::complex<double>>)
+    return dt::cplx_double;
+  else if constexpr (std::is_same_v<T, bool>)
+    return dt::logical;
+  else if constexpr (std::is_same_v<T, _s_tarn_RGB>)
+    return dt::rgb;
+  else
+    static_assert(sizeof(T) == 0, "not an element value type");
+}
 
 // Every code of the type table, ascending.
 TARNIO_EXPORT std::span<const DataType> all_data_types() noexcept;

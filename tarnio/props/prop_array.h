@@ -106,42 +106,14 @@ namespace Tarn::props {
 // The type code of an element class; RGB32 arrays pass Tarn::dt::rgb32 explicitly.
 template <typename T>
 constexpr DataType element_code_of() {
-  if constexpr (std::is_same_v<T, std::uint8_t>)
-    return dt::uint8;
-  else if constexpr (std::is_same_v<T, std::int8_t>)
-    return dt::int8;
-  else if constexpr (std::is_same_v<T, std::uint16_t>)
-    return dt::uint16;
-  else if constexpr (std::is_same_v<T, std::int16_t>)
-    return dt::int16;
-  else if constexpr (std::is_same_v<T, std::uint32_t>)
-    return dt::uint32;
-  else if constexpr (std::is_same_v<T, std::int32_t>)
-    return dt::int32;
-  else if constexpr (std::is_same_v<T, std::uint64_t>)
-    return dt::uint64;
-  else if constexpr (std::is_same_v<T, std::int64_t>)
-    return dt::int64;
-  else if constexpr (std::is_same_v<T, float>)
-    return dt::single;
-  else if constexpr (std::is_same_v<T, double>)
-    return dt::double_;
-  else if constexpr (std::is_same_v<T, std::complex<float>>)
-    return dt::cplx_single;
-  else if constexpr (std::is_same_v<T, std::complex<double>>)
-    return dt::cplx_double;
-  else if constexpr (std::is_same_v<T, bool>)
-    return dt::logical;
-  else if constexpr (std::is_same_v<T, _s_tarn_RGB>)
-    return dt::rgb;
-  else if constexpr (std::is_same_v<T, TProp>)
+  if constexpr (std::is_same_v<T, TProp>)
     return dt::cell;
   else if constexpr (std::is_same_v<T, TPropstruct>)
     return dt::struct_;
   else if constexpr (std::is_same_v<T, TPropstring>)
     return dt::char_;
   else
-    static_assert(sizeof(T) == 0, "not an element class of property arrays");
+    return arrays::data_type_of<T>();
 }
 
 namespace detail {
