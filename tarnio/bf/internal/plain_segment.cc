@@ -1,0 +1,29 @@
+#include "tarnio/bf/internal/plain_segment.h"
+
+#include <stdexcept>
+
+#include "tarnio/errors/internal/raise.h"
+
+namespace Tarn::bf::internal {
+
+PlainSegment::PlainSegment(DiskFileAccess& file, std::uint64_t data_position, std::uint64_t length)
+    : file_(file), data_position_(data_position), length_(length) {}
+
+void PlainSegment::append(std::span<const std::byte> bytes) {
+  file_.write(bytes.data(), bytes.size());
+  length_ += bytes.size();
+}
+
+void PlainSegment::read(std::uint64_t offset, std::span<std::byte> out) {
+  if (offset > length_ || out.size() > length_ - offset) {
+    throw std::out_of_range("Bytes beyond the end of the stack data requested.");
+  }
+  const std::uint64_t target = data_position_ + offset;
+  // Consecutive pieces of one read continue where the previous one ended: no move needed.
+  if (file_.tell() != target && file_.seek(target) != target) {
+    errors::internal::throw_tarn("Could not move to position {} of the file.", target);
+  }
+  file_.read(out.data(), out.size());
+}
+
+}  // namespace Tarn::bf::internal

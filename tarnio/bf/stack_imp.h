@@ -1,0 +1,165 @@
+#pragma once
+
+// Tarn::bf::StackImp: one n-dimensional stack inside a TBF file, as its file hands it out
+// (FileInterface::add_stack for a new one, FileInterface::stack for an existing one). It is the
+// stack's info (dimensions, lengths, offsets, labels, units, tags, ...) plus the element data
+// on disk, written once front to back, committed, and read back in any order afterwards.
+//
+// Lifecycle of a new stack:
+//   describe   set the info, set_type() if it was created without one, set_compression(),
+//              set_no_data() for a stack that only describes; nothing is on disk yet.
+//   write      the first write() puts the 368-byte header, the name and the description on
+//              disk and links the stack into the file's chain; from then on the info is locked
+//              (tags excepted). Each write() appends whole samples, converted from the buffer's
+//              element type when it differs.
+//   commit     after the last sample: patches the data length, and writes the stack record
+//              (minimum reader version, the whole info, tags included) behind the data.
+//   read       any range of samples of a committed stack, converted into the buffer's type.
+// A stack without data (set_no_data, or 0 elements) is written at commit, header and record.
+//
+// Only one stack of a file is written at a time. A stack that failed or was cancelled is
+// dropped from the file's chain when the file closes, so the file stays readable up to the last
+// committed stack.
+//
+// Errors: misuse is a std::runtime_error with the sentences of the lifecycle ("Stack is already
+// complete. Invalid call to write().", "Not on sample boundary.", "Stack not committed to disk.
+// Cannot read.", ...); bad arguments a std::invalid_argument; damaged files and failures of
+// the system a TarnError. A failed call leaves the stack as it was, except that a failed write
+// of data leaves it failed.
+//
+// Not thread-safe: one thread at a time uses a stack and its file. Any use after the file was
+// closed fails with "Cannot access File_Stack, file has been closed.".
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+
+#include "tarnio/arrays/data_type.h"
+#include "tarnio/arrays/stack_info_imp.h"
+#include "tarnio/export.h"
+
+namespace Tarn::bf {
+
+class StackHost;
+namespace internal {
+class DataSegment;
+}  // namespace internal
+
+// Progress of a long write() or read(), called at least once per 64 MiB: for write(), the
+// bytes of the stack's data written so far, of all of them; for read(), the bytes of this call
+// done so far, of the call's. Returning false cancels the call with "Cancelled by user.".
+using ProgressCallback = std::function<bool(std::uint64_t done, std::uint64_t total)>;
+
+class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
+ public:
+  enum class State : std::int32_t {
+    describing,  // new, nothing on disk
+    writing,     // header on disk, data arriving
+    committed,   // complete; readable
+    failed,      // a write failed or was cancelled; the file drops the stack at close
+  };
+  enum class Compression : std::uint32_t { none = 0, zlib = 1 };
+
+  // The all-ones sample position: read() returns it when the data is exhausted.
+  static constexpr std::uint64_t kNpos = ~std::uint64_t{0};
+
+  // New stacks come from FileInterface::add_stack, existing ones from FileInterface::stack.
+  StackImp(StackHost& host, DataType type, std::span<const std::uint64_t> sizes);
+  ~StackImp() override;
+  StackImp(const StackImp&) = delete;
+  StackImp& operator=(const StackImp&) = delete;
+
+  // Reads the stack whose header starts at `position` of the host's file; the stack is
+  // committed (or without data). Throws TarnError "Stack header not in TBF format.", "Cannot
+  // set data layout.", "Cannot read stack with file format reader version 7. Need >= {}." and
+  // the disk file's errors for a damaged or truncated stack.
+  static std::shared_ptr<StackImp> read_from(StackHost& host, std::uint64_t position);
+
+  State state() const { return state_; }
+  bool is_committed() const { return state_ == State::committed; }
+
+  // Describing; each throws std::runtime_error once writing has begun (see the messages).
+  // Throws std::runtime_error "The type is already set to '{}'." (the type's decimal code) when
+  // the stack has a type.
+  void set_type(DataType type);
+  // Throws std::runtime_error "Invalid compression type specified." for a type above 1 and
+  // "Cannot change compression mode." once writing began. The level (0 to 9) is stored.
+  void set_compression(Compression type, std::uint32_t level = 6);
+  Compression compression() const { return compression_; }
+  std::uint32_t compression_level() const { return compression_level_; }
+  // A stack without data describes only; it takes no write() and is stored with data flag 0.
+  void set_no_data(bool no_data);
+  bool has_data() const;
+  void set_progress_callback(ProgressCallback callback);
+
+  // Appends `bytes` bytes of samples of `buffer_type` (none: the stack's type). With `imag`,
+  // `data` holds the real and `imag` the imaginary parts of a complex stack, both of the real
+  // `buffer_type`. Throws the lifecycle's messages: "Trying to write to empty stack.", "Stack is
+  // already complete. Invalid call to write().", "Not on sample boundary.", "Trying to write
+  // more samples than the stack is long.", "Invalid on-the-fly conversion from '{}' to '{}'." (the
+  // stored type's name, then the buffer's), "Imaginary block given but ...", "Cancelled by user.".
+  void write(const void* data, std::uint64_t bytes, DataType buffer_type = Tarn::dt::none,
+             const void* imag = nullptr);
+  template <class T>
+  void write(std::span<const T> samples) {
+    write(samples.data(), samples.size_bytes(), arrays::data_type_of<T>());
+  }
+
+  // Completes the stack. Throws "Not enough samples written.", "Stack data type not set.
+  // Cannot commit stack to file." and "Stack not ready to be committed. Meta-information
+  // missing." as the lifecycle says.
+  void commit();
+
+  // Reads `count` samples from sample `first` into `buffer` as `buffer_type` (none: the
+  // stack's type), with `imag` splitting complex samples as for write(). Returns the position
+  // after the last sample read, or kNpos when that is the end of the data. Throws "Stack not
+  // committed to disk. Cannot read.", "Invalid position (-1) passed. Possible reason: Last read
+  // call exhausted data." for first == kNpos, std::invalid_argument "Requested samples lie
+  // beyond the end of the stack." and the conversion and imaginary-buffer messages.
+  std::uint64_t read(std::uint64_t first, std::uint64_t count, void* buffer,
+                     DataType buffer_type = Tarn::dt::none, void* imag = nullptr);
+  template <class T>
+  std::uint64_t read(std::uint64_t first, std::span<T> samples) {
+    return read(first, samples.size(), samples.data(), arrays::data_type_of<T>());
+  }
+
+  // Where the stack lies in its file.
+  std::uint64_t position() const { return position_; }
+  std::uint64_t data_position() const;
+  // The length of the data on disk: element count × element size for plain data; 0 until
+  // committed and for a stack without data.
+  std::uint64_t data_length() const { return data_length_; }
+  std::uint64_t next_position() const { return next_position_; }
+  // The version of the stack header (7 for stacks this library writes).
+  std::uint32_t format_version() const { return format_version_; }
+  // kNoMinimumReaderVersion (0xFFFFFFFF) when the stack names none.
+  std::uint32_t minimum_reader_version() const { return minimum_reader_version_; }
+
+ protected:
+  // Used by the host (the file): the link field of this stack's header, and the end of the
+  // file's use of the stack.
+  friend class FileImp;
+  void set_next_position(std::uint64_t next) { next_position_ = next; }
+  void detach_from_file() { host_ = nullptr; }
+
+ private:
+  // Throws std::runtime_error "Cannot access File_Stack, file has been closed." after close.
+  StackHost& host() const;
+
+  StackHost* host_;
+  std::unique_ptr<internal::DataSegment> segment_;
+  ProgressCallback progress_;
+  State state_ = State::describing;
+  Compression compression_ = Compression::none;
+  std::uint32_t compression_level_ = 0;
+  bool no_data_ = false;
+  std::uint32_t format_version_;
+  std::uint32_t minimum_reader_version_;
+  std::uint64_t position_ = 0;
+  std::uint64_t data_length_ = 0;
+  std::uint64_t next_position_ = 0;
+  std::uint64_t samples_written_ = 0;
+};
+
+}  // namespace Tarn::bf
