@@ -43,6 +43,7 @@ demo: build
 	$(BUILD)/tools/tarn/tarn types
 	$(BUILD)/tools/tarn/tarn props tests/data/props/toolbox_params.xml --get 'lasers(0,1).name'
 	$(BUILD)/tools/tarn/tarn props tests/data/props/toolbox_params.xml --get stage
+	$(BUILD)/tools/tarn/tarn demo $(BUILD)/demo.tbf
 
 bench: build
 	for b in $(BUILD)/bench/tarnio_*_benchmark; do $$b || exit 1; done

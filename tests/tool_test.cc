@@ -1,13 +1,24 @@
 // The tarn tool as scripts use it: exit codes, output and the one-line failure report.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <random>
+#include <span>
 #include <sstream>
 #include <string>
+#include <vector>
 
+#include "tarnio/arrays/data_type.h"
+#include "tarnio/bf/file_interface.h"
 #include "tarnio/json/read_write.h"
 #include "tarnio/testing/temp_dir.h"
 
@@ -30,12 +41,17 @@ void spill(const std::filesystem::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
-ToolRun tarn(const std::string& arguments) {
+// Runs a shell command with its standard output and error captured.
+ToolRun shell(const std::string& command) {
   Tarn::testing::TempDir dir;
-  const std::string command = std::string(TARN_TOOL_PATH) + " " + arguments + " >" +
-                              (dir / "out").string() + " 2>" + (dir / "err").string();
-  const int raw = std::system(command.c_str());
+  const std::string full =
+      "{ " + command + "; } >" + (dir / "out").string() + " 2>" + (dir / "err").string();
+  const int raw = std::system(full.c_str());
   return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(dir / "out"), slurp(dir / "err")};
+}
+
+ToolRun tarn(const std::string& arguments) {
+  return shell(std::string(TARN_TOOL_PATH) + " " + arguments);
 }
 
 TEST(TarnTool, TypesPrintsAnAlignedTable) {
@@ -195,6 +211,530 @@ TEST(TarnTool, UnitsConvertsValues) {
     EXPECT_EQ(run.err, err) << arguments;
   }
   EXPECT_EQ(tarn("units").status, 2);
+}
+
+// --- TBF file commands ---
+
+std::string random_bytes(std::size_t n, std::uint32_t seed) {
+  std::mt19937 random(seed);
+  std::string bytes(n, '\0');
+  for (char& c : bytes) c = static_cast<char>(random() & 0xFFu);
+  return bytes;
+}
+
+std::string shape_argument(const std::vector<std::uint64_t>& shape) {
+  std::string text;
+  for (const std::uint64_t n : shape) text += (text.empty() ? "" : ",") + std::to_string(n);
+  return text;
+}
+
+std::uint64_t product(const std::vector<std::uint64_t>& shape) {
+  std::uint64_t n = 1;
+  for (const std::uint64_t size : shape) n *= size;
+  return n;
+}
+
+std::vector<std::uint64_t> uint_list(const JSON::Value& list) {
+  std::vector<std::uint64_t> values;
+  for (const JSON::Value& item : list.items()) values.push_back(item.get_uint64());
+  return values;
+}
+
+JSON::Value info_json(const std::filesystem::path& file) {
+  const ToolRun run = tarn("info --json " + file.string());
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  return JSON::read(run.out);
+}
+
+// A failure as scripts see it: exit status 1 and exactly one line on standard error.
+void expect_one_line_failure(const ToolRun& run, const std::string& context) {
+  EXPECT_EQ(run.status, 1) << context << ": " << run.err;
+  EXPECT_EQ(run.err.rfind("tarn: ", 0), 0u) << context << ": " << run.err;
+  EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << context << ": " << run.err;
+}
+
+std::vector<std::string> directory_entries(const std::filesystem::path& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+struct RoundTrip {
+  const char* type;
+  std::vector<std::uint64_t> shape;
+  bool from_stdin;
+};
+
+TEST(TarnTool, WriteInfoReadRoundTripsEveryType) {
+  const RoundTrip cases[] = {
+      {"uint8", {7, 3}, false},        {"int8", {1}, true},
+      {"uint16", {5, 4, 3}, true},     {"int16", {2, 3}, false},
+      {"uint32", {1000}, false},       {"int32", {3, 1, 2}, true},
+      {"uint64", {4, 4}, false},       {"int64", {9}, true},
+      {"single", {3, 3, 3, 3}, false}, {"double", {100, 10}, true},
+      {"cplx_single", {10, 2}, false}, {"cplx_double", {6}, true},
+      {"uint16", {2049, 1025}, true},  // more than one transfer block of 4 MiB
+  };
+  Tarn::testing::TempDir dir;
+  std::uint32_t seed = 1;
+  for (const RoundTrip& c : cases) {
+    const std::string context = std::string(c.type) + " " + shape_argument(c.shape);
+    const DataType code = tarn_dt_from_name(c.type);
+    const std::string bytes = random_bytes(product(c.shape) * tarn_dt_get_size(code), seed++);
+    spill(dir / "in.raw", bytes);
+    const std::string out = (dir / "out.tbf").string();
+    const std::string input =
+        c.from_stdin ? "- < " + (dir / "in.raw").string() : (dir / "in.raw").string();
+    const ToolRun write =
+        tarn("write " + out + " --type " + c.type + " --shape " + shape_argument(c.shape) +
+             " --name 'stack of " + c.type + "' --description 'random bytes' " +
+             "--file-description 'round trip' " + input);
+    ASSERT_EQ(write.status, 0) << context << ": " << write.err;
+    EXPECT_EQ(write.out + write.err, "") << context;
+
+    const JSON::Value info = info_json(out);
+    EXPECT_EQ(info.at("format_version"), JSON::Value(2)) << context;
+    EXPECT_EQ(info.at("description"), JSON::Value("round trip")) << context;
+    ASSERT_EQ(info.at("stacks").size(), 1u) << context;
+    const JSON::Value& stack = info.at("stacks")[0];
+    EXPECT_EQ(stack.at("index"), JSON::Value(0));
+    EXPECT_EQ(stack.at("name"), JSON::Value(std::string("stack of ") + c.type));
+    EXPECT_EQ(stack.at("description"), JSON::Value("random bytes"));
+    EXPECT_EQ(stack.at("type"), JSON::Value(c.type));
+    EXPECT_EQ(stack.at("type_code"), JSON::Value(static_cast<std::uint32_t>(code)));
+    EXPECT_EQ(uint_list(stack.at("shape")), c.shape) << context;
+    ASSERT_EQ(stack.at("lengths").size(), c.shape.size());
+    ASSERT_EQ(stack.at("offsets").size(), c.shape.size());
+    for (std::size_t axis = 0; axis < c.shape.size(); ++axis) {
+      EXPECT_EQ(stack.at("lengths")[axis].get_double(), static_cast<double>(c.shape[axis]));
+      EXPECT_EQ(stack.at("offsets")[axis].get_double(), -0.5);
+    }
+    EXPECT_EQ(stack.at("compression"), JSON::Value("none"));
+    EXPECT_EQ(stack.at("compression_level"), JSON::Value(0));
+    EXPECT_EQ(stack.at("data_length"), JSON::Value(bytes.size())) << context;
+    EXPECT_EQ(stack.at("next"), JSON::Value(0));
+    // The header, name and description lie between the file header and the data.
+    EXPECT_LE(stack.at("position").get_uint64() + 368 + 2 * 12 + bytes.size(),
+              std::filesystem::file_size(out))
+        << context;
+
+    const ToolRun read = tarn("read " + out + " --stack 0");
+    ASSERT_EQ(read.status, 0) << context << ": " << read.err;
+    EXPECT_TRUE(read.out == bytes) << context;
+    const ToolRun to_file =
+        tarn("read " + out + " --stack 0 --output " + (dir / "back.raw").string());
+    ASSERT_EQ(to_file.status, 0) << context << ": " << to_file.err;
+    EXPECT_TRUE(slurp(dir / "back.raw") == bytes) << context;
+
+    // The library reads what the tool wrote.
+    const auto file = Tarn::open_file(out, Tarn::bf::DiskFile::Mode::read);
+    std::string direct(bytes.size(), '\0');
+    file->stack(0)->read(0, product(c.shape), direct.data());
+    EXPECT_TRUE(direct == bytes) << context;
+  }
+  // Only the files the test made: no temporary file of the tool is left behind.
+  EXPECT_EQ(directory_entries(dir.path()),
+            (std::vector<std::string>{"back.raw", "in.raw", "out.tbf"}));
+}
+
+TEST(TarnTool, AppendAddsAStackBehindTheLastOne) {
+  Tarn::testing::TempDir dir;
+  const std::string first = random_bytes(4 * 4 * 2, 7);
+  const std::string second = random_bytes(3 * 2 * 8, 8);
+  spill(dir / "first.raw", first);
+  spill(dir / "second.raw", second);
+  const std::string out = (dir / "a.tbf").string();
+  ASSERT_EQ(tarn("write " + out + " --type uint16 --shape 4,4 --file-description kept " +
+                 (dir / "first.raw").string())
+                .status,
+            0);
+  const ToolRun append = tarn("write " + out + " --append --type double --shape 3,2 --name two " +
+                              (dir / "second.raw").string());
+  ASSERT_EQ(append.status, 0) << append.err;
+
+  const JSON::Value info = info_json(out);
+  EXPECT_EQ(info.at("description"), JSON::Value("kept"));
+  ASSERT_EQ(info.at("stacks").size(), 2u);
+  const JSON::Value& one = info.at("stacks")[0];
+  const JSON::Value& two = info.at("stacks")[1];
+  EXPECT_EQ(one.at("next"), two.at("position"));
+  EXPECT_EQ(two.at("next"), JSON::Value(0));
+  EXPECT_EQ(two.at("index"), JSON::Value(1));
+  EXPECT_EQ(two.at("name"), JSON::Value("two"));
+  EXPECT_EQ(two.at("type"), JSON::Value("double"));
+  EXPECT_TRUE(tarn("read " + out + " --stack 0").out == first);
+  EXPECT_TRUE(tarn("read " + out + " --stack 1").out == second);
+
+  const ToolRun verify = tarn("verify " + out);
+  EXPECT_EQ(verify.status, 0) << verify.err;
+  EXPECT_NE(verify.out.find("stack 0 "), std::string::npos) << verify.out;
+  EXPECT_NE(verify.out.find("stack 1 "), std::string::npos) << verify.out;
+
+  // Appending needs an existing file and creates none.
+  const std::string missing = (dir / "missing.tbf").string();
+  expect_one_line_failure(
+      tarn("write " + missing + " --append --type uint8 --shape 1 " + (dir / "first.raw").string()),
+      "append to a missing file");
+  EXPECT_FALSE(std::filesystem::exists(missing));
+}
+
+TEST(TarnTool, FailedWritesLeaveNoFileThatLooksComplete) {
+  Tarn::testing::TempDir dir;
+  const std::string out = (dir / "out.tbf").string();
+  const std::string good = random_bytes(20, 3);  // 10 uint16 samples
+  spill(dir / "good.raw", good);
+  const std::pair<std::size_t, std::string> inputs[] = {
+      {0, "tarn: Not enough samples written.\n"},
+      {18, "tarn: Not enough samples written.\n"},
+      {19, "tarn: Not enough samples written.\n"},
+      {21, "tarn: Trying to write more samples than the stack is long.\n"},
+      {22, "tarn: Trying to write more samples than the stack is long.\n"},
+  };
+  for (const auto& [size, err] : inputs) {
+    spill(dir / "in.raw", random_bytes(size, 4));
+    const std::string write =
+        "write " + out + " --type uint16 --shape 10 " + (dir / "in.raw").string();
+    // A new file is not created.
+    std::filesystem::remove(out);
+    ToolRun run = tarn(write);
+    EXPECT_EQ(run.status, 1) << size;
+    EXPECT_EQ(run.err, err) << size;
+    EXPECT_FALSE(std::filesystem::exists(out)) << size;
+    // An existing file stays as it was, also from standard input.
+    ASSERT_EQ(
+        tarn("write " + out + " --type uint16 --shape 10 " + (dir / "good.raw").string()).status,
+        0);
+    const std::string before = slurp(out);
+    run = tarn("write " + out + " --type uint16 --shape 10 - < " + (dir / "in.raw").string());
+    EXPECT_EQ(run.err, err) << size;
+    EXPECT_TRUE(slurp(out) == before) << size;
+    // An append that fails drops its stack; the file keeps the ones it had.
+    run = tarn("write " + out + " --append --type uint16 --shape 10 " + (dir / "in.raw").string());
+    EXPECT_EQ(run.err, err) << size;
+    EXPECT_EQ(tarn("verify " + out).status, 0) << size;
+    EXPECT_EQ(info_json(out).at("stacks").size(), 1u) << size;
+    EXPECT_TRUE(tarn("read " + out + " --stack 0").out == good) << size;
+  }
+  // Compressed writing fails with the library's message and leaves nothing.
+  std::filesystem::remove(out);
+  const ToolRun zlib = tarn("write " + out + " --type uint16 --shape 10 --compression zlib:3 " +
+                            (dir / "good.raw").string());
+  expect_one_line_failure(zlib, "zlib");
+  EXPECT_FALSE(std::filesystem::exists(out));
+  const ToolRun same = tarn("write " + (dir / "good.raw").string() + " --type uint16 --shape 10 " +
+                            (dir / "good.raw").string());
+  expect_one_line_failure(same, "input is output");
+  EXPECT_TRUE(slurp(dir / "good.raw") == good);
+  EXPECT_EQ(directory_entries(dir.path()), (std::vector<std::string>{"good.raw", "in.raw"}));
+
+  const ToolRun threads =
+      tarn("write " + out + " --type uint16 --shape 10 --threads 2 " + (dir / "good.raw").string());
+  EXPECT_EQ(threads.status, 0) << threads.err;
+}
+
+TEST(TarnTool, MetaListsKeysAndPrintsValuesExactly) {
+  Tarn::testing::TempDir dir;
+  const std::string path = (dir / "meta.tbf").string();
+  const std::string binary("\0\x01\xFF no line end", 16);
+  {
+    const auto file = Tarn::create_file();
+    file->open(path, Tarn::bf::DiskFile::Mode::write);
+    file->set_metadata("alpha", "one\n");
+    file->set_metadata("binary", binary);
+    file->set_metadata("empty", "");
+    file->close();
+  }
+  std::string keys;
+  const auto reopened = Tarn::open_file(path, Tarn::bf::DiskFile::Mode::read);
+  for (const auto& entry : reopened->metadata()) {
+    keys += entry.first + "\n";
+  }
+  EXPECT_NE(keys.find("alpha\nbinary\nempty\n"), std::string::npos) << keys;
+  const ToolRun list = tarn("meta " + path);
+  EXPECT_EQ(list.status, 0) << list.err;
+  EXPECT_EQ(list.out, keys);
+  const std::pair<std::string, std::string> values[] = {
+      {"alpha", "one\n"}, {"binary", binary}, {"empty", ""}};
+  for (const auto& [key, value] : values) {
+    const ToolRun run = tarn("meta " + path + " " + key);
+    EXPECT_EQ(run.status, 0) << key << ": " << run.err;
+    EXPECT_TRUE(run.out == value) << key;
+  }
+  const ToolRun unknown = tarn("meta " + path + " nope");
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_EQ(unknown.err, "tarn: No metadata entry 'nope'.\n");
+  EXPECT_EQ(unknown.out, "");
+}
+
+// The columns of a table line: where each cell starts, in characters, cells being separated
+// by two blanks or more.
+std::vector<std::size_t> cell_starts(const std::string& line) {
+  std::vector<std::size_t> starts;
+  std::size_t column = 0;
+  std::size_t blanks = 2;
+  for (const char c : line) {
+    if ((static_cast<unsigned char>(c) & 0xC0) == 0x80) continue;  // inside a character
+    if (c != ' ' && blanks >= 2) starts.push_back(column);
+    blanks = c == ' ' ? blanks + 1 : 0;
+    ++column;
+  }
+  return starts;
+}
+
+TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
+  Tarn::testing::TempDir dir;
+  const std::string path = (dir / "table.tbf").string();
+  {
+    const auto file = Tarn::create_file();
+    file->open(path, Tarn::bf::DiskFile::Mode::write);
+    file->set_description("cells\nday 2");
+    file->set_metadata("k", "v");
+    const std::string names[] = {"short", "Länge in µm", "two\nlines\xFF"};
+    const DataType types[] = {Tarn::dt::uint8, Tarn::dt::double_, Tarn::dt::uint16};
+    for (std::size_t i = 0; i < 3; ++i) {
+      const auto stack = file->add_stack(types[i], {2, i + 1, 3});
+      stack->set_name(names[i]);
+      const std::vector<std::byte> zeros((i + 1) * 6 * tarn_dt_get_size(types[i]));
+      stack->write(zeros.data(), zeros.size());
+      stack->commit();
+    }
+    file->close();
+  }
+  const ToolRun run = tarn("info " + path);
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::istringstream lines(run.out);
+  std::string line;
+  std::vector<std::string> rows;
+  while (std::getline(lines, line)) rows.push_back(line);
+  ASSERT_GE(rows.size(), 9u) << run.out;
+  EXPECT_EQ(rows[0], "description     cells\\nday 2");
+  EXPECT_EQ(rows[1], "format version  2");
+  EXPECT_NE(rows[2].find("k"), std::string::npos);
+  EXPECT_EQ(rows[3], "stacks          3");
+  const std::size_t header = 5;
+  ASSERT_EQ(rows[header].rfind("index", 0), 0u) << run.out;
+  const std::vector<std::size_t> columns = cell_starts(rows[header]);
+  ASSERT_EQ(columns.size(), 6u) << rows[header];
+  ASSERT_EQ(rows.size(), header + 4) << run.out;
+  for (std::size_t i = header + 1; i < rows.size(); ++i) {
+    EXPECT_EQ(cell_starts(rows[i]), columns) << rows[i];
+  }
+  EXPECT_NE(rows[header + 2].find("Länge in µm"), std::string::npos);
+  EXPECT_NE(rows[header + 2].find("2x2x3"), std::string::npos);
+  EXPECT_NE(rows[header + 3].find("two\\nlines\\xFF"), std::string::npos);
+
+  // The JSON form stays valid UTF-8 whatever the file holds.
+  const JSON::Value info = info_json(path);
+  EXPECT_EQ(info.at("description"), JSON::Value("cells\nday 2"));
+  EXPECT_EQ(info.at("stacks")[2].at("name"), JSON::Value("two\nlines\uFFFD"));
+  EXPECT_EQ(info.at("stacks")[1].at("data_length"), JSON::Value(2 * 2 * 3 * 8));
+}
+
+TEST(TarnTool, VerifyPassesIntactFilesAndFailsDamagedOnesWithOneLine) {
+  Tarn::testing::TempDir dir;
+  const std::string good = (dir / "good.tbf").string();
+  spill(dir / "a.raw", random_bytes(64 * 64 * 2, 11));
+  spill(dir / "b.raw", random_bytes(16 * 16 * 4, 12));
+  ASSERT_EQ(tarn("write " + good + " --type uint16 --shape 64,64 --name a --file-description f " +
+                 (dir / "a.raw").string())
+                .status,
+            0);
+  ASSERT_EQ(tarn("write " + good + " --append --type single --shape 16,16 --name b " +
+                 (dir / "b.raw").string())
+                .status,
+            0);
+  const ToolRun ok = tarn("verify " + good);
+  ASSERT_EQ(ok.status, 0) << ok.err;
+  EXPECT_EQ(ok.err, "");
+  EXPECT_EQ(std::count(ok.out.begin(), ok.out.end(), '\n'), 3) << ok.out;
+
+  const std::string bytes = slurp(good);
+  const std::string bad = (dir / "bad.tbf").string();
+  // Truncated anywhere: at the header fields, inside the stacks, before the metadata block.
+  for (const std::size_t size :
+       {std::size_t{0}, std::size_t{9}, std::size_t{13}, std::size_t{25}, std::size_t{30},
+        std::size_t{40}, std::size_t{200}, std::size_t{500}, bytes.size() / 2, bytes.size() - 20,
+        bytes.size() - 1}) {
+    spill(bad, bytes.substr(0, size));
+    expect_one_line_failure(tarn("verify " + bad), "truncated to " + std::to_string(size));
+  }
+  std::string magic = bytes;
+  magic[3] = 'X';
+  spill(bad, magic);
+  const ToolRun header = tarn("verify " + bad);
+  EXPECT_EQ(header.status, 1);
+  EXPECT_EQ(header.err, "tarn: No TBF file header found.\n");
+  expect_one_line_failure(tarn("verify " + (dir / "missing.tbf").string()), "missing");
+
+  // Bytes flipped with a fixed seed: either intact-looking plain data or a one-line failure,
+  // never a crash, a hang or a usage error.
+  std::mt19937 random(5);
+  for (int round = 0; round < 16; ++round) {
+    std::string flipped = bytes;
+    for (int i = 0; i < 3; ++i) {
+      flipped[random() % flipped.size()] ^= static_cast<char>(1 + random() % 255);
+    }
+    spill(bad, flipped);
+    for (const std::string command : {"verify ", "info --json "}) {
+      const ToolRun run = tarn(command + bad);
+      if (run.status != 0) expect_one_line_failure(run, command + std::to_string(round));
+    }
+  }
+}
+
+TEST(TarnTool, FileCommandFailuresExitOneWithTheLibrarysMessage) {
+  Tarn::testing::TempDir dir;
+  const std::string path = (dir / "one.tbf").string();
+  spill(dir / "in.raw", "abcd");
+  ASSERT_EQ(tarn("write " + path + " --type uint8 --shape 4 " + (dir / "in.raw").string()).status,
+            0);
+  const ToolRun range = tarn("read " + path + " --stack 5");
+  EXPECT_EQ(range.status, 1);
+  EXPECT_EQ(range.err, "tarn: Invalid stack index '5'.\n");
+  EXPECT_EQ(range.out, "");
+  // A failed read leaves no output file behind.
+  const std::string out = (dir / "out.raw").string();
+  EXPECT_EQ(tarn("read " + path + " --stack 1 -o " + out).status, 1);
+  EXPECT_FALSE(std::filesystem::exists(out));
+  const ToolRun self = tarn("read " + path + " --stack 0 -o " + path);
+  expect_one_line_failure(self, "read into the file itself");
+  EXPECT_EQ(tarn("verify " + path).status, 0);
+
+  spill(dir / "text.tbf", "not a stack file at all");
+  for (const std::string command : {"info ", "meta ", "verify ", "read --stack 0 "}) {
+    const ToolRun run = tarn(command + (dir / "text.tbf").string());
+    EXPECT_EQ(run.status, 1) << command;
+    EXPECT_EQ(run.err, "tarn: No TBF file header found.\n") << command;
+    expect_one_line_failure(tarn(command + (dir / "none.tbf").string()), command + "missing");
+  }
+}
+
+TEST(TarnTool, FileCommandUsageErrorsExitTwo) {
+  Tarn::testing::TempDir dir;
+  const std::string f = (dir / "f.tbf").string();
+  const std::string usage[] = {
+      "info",
+      "info " + f + " " + f,
+      "write " + f + " --shape 4 -",
+      "write " + f + " --type uint8 -",
+      "write " + f + " --type uint12 --shape 4 -",
+      "write " + f + " --type none --shape 4 -",
+      "write " + f + " --type cplx_uint8 --shape 4 -",
+      "write " + f + " --type uint8 --shape 4,x -",
+      "write " + f + " --type uint8 --shape 4,-1 -",
+      "write " + f + " --type uint8 --shape 4 --compression lz4 -",
+      "write " + f + " --type uint8 --shape 4 --compression zlib:10 -",
+      "write " + f + " --type uint8 --shape 4 --threads 0 -",
+      "write " + f + " --type uint8 --shape 4 --append --file-description d -",
+      "write " + f + " --type uint8 --shape 4",
+      "read " + f,
+      "read " + f + " --stack -1",
+      "read " + f + " --stack x",
+      "meta",
+      "meta " + f + " a b",
+      "verify",
+      "demo a.tbf b.tbf",
+  };
+  for (const std::string& arguments : usage) {
+    const ToolRun run = tarn(arguments + " < /dev/null");
+    EXPECT_EQ(run.status, 2) << arguments << ": " << run.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(f));
+}
+
+TEST(TarnTool, ReadIntoAClosedPipeFailsWithoutASignal) {
+  Tarn::testing::TempDir dir;
+  const std::string path = (dir / "big.tbf").string();
+  spill(dir / "in.raw", random_bytes(std::size_t{8} << 20, 21));
+  ASSERT_EQ(
+      tarn("write " + path + " --type uint8 --shape 8388608 " + (dir / "in.raw").string()).status,
+      0);
+  const std::string status = (dir / "status").string();
+  const ToolRun run = shell("{ " + std::string(TARN_TOOL_PATH) + " read " + path +
+                            " --stack 0; echo $? >" + status + "; } | head -c 1 >/dev/null");
+  EXPECT_EQ(slurp(status), "1\n") << run.err;
+  EXPECT_EQ(run.err, "tarn: Could not write output: Broken pipe\n");
+}
+
+TEST(TarnTool, ProgressBarShowsOnATerminalOnly) {
+  Tarn::testing::TempDir dir;
+  const std::string in = (dir / "in.raw").string();
+  const std::string out = (dir / "out.tbf").string();
+  spill(in, random_bytes(std::size_t{1} << 20, 31));
+  // Standard error on a terminal, standard output not.
+  int terminal = -1;
+  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, STDOUT_FILENO);
+    ::execl(TARN_TOOL_PATH, "tarn", "write", out.c_str(), "--type", "uint8", "--shape", "1048576",
+            in.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  std::string screen;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(terminal, buffer, sizeof buffer);
+    if (n <= 0) break;  // EIO once the child has gone
+    screen.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(terminal);
+  int raw = 0;
+  ASSERT_EQ(::waitpid(child, &raw, 0), child);
+  ASSERT_TRUE(WIFEXITED(raw));
+  EXPECT_EQ(WEXITSTATUS(raw), 0) << screen;
+  EXPECT_NE(screen.find("write ["), std::string::npos) << screen;
+  EXPECT_NE(screen.find("MiB/s"), std::string::npos) << screen;
+  // The line is cleared at the end.
+  ASSERT_GE(screen.size(), 4u);
+  EXPECT_EQ(screen.substr(screen.size() - 4), "\r\x1B[K") << screen;
+  // Redirected, the same command prints nothing.
+  const ToolRun piped = tarn("write " + out + " --type uint8 --shape 1048576 " + in);
+  EXPECT_EQ(piped.status, 0);
+  EXPECT_EQ(piped.out + piped.err, "");
+}
+
+TEST(TarnTool, DemoWritesChecksAndDescribesASampleAcquisition) {
+  Tarn::testing::TempDir dir;
+  const ToolRun run = shell("cd " + dir.path().string() + " && " + TARN_TOOL_PATH + " demo");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  EXPECT_NE(run.out.find("cells"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("256x256x3x16"), std::string::npos) << run.out;
+  const std::string path = (dir / "demo.tbf").string();
+  ASSERT_TRUE(std::filesystem::exists(path));
+  EXPECT_EQ(tarn("verify " + path).status, 0);
+
+  const JSON::Value info = info_json(path);
+  ASSERT_EQ(info.at("stacks").size(), 2u);
+  EXPECT_EQ(info.at("stacks")[0].at("type"), JSON::Value("uint16"));
+  EXPECT_EQ(uint_list(info.at("stacks")[0].at("shape")),
+            (std::vector<std::uint64_t>{256, 256, 3, 16}));
+  EXPECT_EQ(info.at("stacks")[1].at("type"), JSON::Value("single"));
+  EXPECT_FALSE(info.at("description").get_string().empty());
+  EXPECT_FALSE(info.at("metadata_keys").empty());
+
+  const auto file = Tarn::open_file(path, Tarn::bf::DiskFile::Mode::read);
+  const auto stack = file->stack(0);
+  EXPECT_EQ(stack->labels(), (std::vector<std::string>{"x", "y", "c", "z"}));
+  EXPECT_EQ(stack->col_labels(2), (std::vector<std::string>{"DAPI", "GFP", "mCherry"}));
+  EXPECT_EQ(stack->units(0).to_string(), "1 µm");
+  EXPECT_FALSE(stack->tags().empty());
+  // Camera-like counts: a dark offset of about 100 and bright objects well above it.
+  std::vector<std::uint16_t> samples(stack->number_of_elements());
+  stack->read(0, std::span<std::uint16_t>(samples));
+  const auto [low, high] = std::minmax_element(samples.begin(), samples.end());
+  EXPECT_GT(*low, 70);
+  EXPECT_LT(*low, 110);
+  EXPECT_GT(*high, 1000);
+
+  expect_one_line_failure(tarn("demo " + (dir / "no" / "such" / "dir.tbf").string()),
+                          "demo into a missing directory");
 }
 
 }  // namespace
