@@ -404,8 +404,9 @@ void StackInfoImp::set_col_positions(std::uint64_t axis, const std::vector<doubl
   }
   // An equidistant axis keeps its computed positions; they are not stored values.
   const bool equidistant = positions.empty();
-  const bool changed = assign(equidistant_[axis], equidistant) |
-                       (!equidistant && assign(col_positions_[axis], positions));
+  const bool flag_changed = assign(equidistant_[axis], equidistant);
+  const bool positions_changed = !equidistant && assign(col_positions_[axis], positions);
+  const bool changed = flag_changed || positions_changed;
   if (equidistant) col_positions_[axis].clear();
   if (changed) on_info_changed(positions_flag(axis));
 }
