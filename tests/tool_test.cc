@@ -224,7 +224,10 @@ std::string random_bytes(std::size_t n, std::uint32_t seed) {
 
 std::string shape_argument(const std::vector<std::uint64_t>& shape) {
   std::string text;
-  for (const std::uint64_t n : shape) text += (text.empty() ? "" : ",") + std::to_string(n);
+  for (const std::uint64_t n : shape) {
+    if (!text.empty()) text += ',';
+    text += std::to_string(n);
+  }
   return text;
 }
 
