@@ -1,7 +1,7 @@
 #pragma once
 
-// TempDir: a fresh directory under the system's temporary directory, removed with everything
-// in it when the object is destroyed. For tests only.
+// TempDir: a fresh directory under the system's temporary directory (or another base), removed
+// with everything in it when the object is destroyed. For tests only.
 
 #include <cstdlib>
 #include <filesystem>
@@ -13,8 +13,8 @@ namespace Tarn::testing {
 
 class TempDir {
  public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tarnio-XXXXXX").string();
+  explicit TempDir(const std::filesystem::path& base = std::filesystem::temp_directory_path()) {
+    std::string pattern = (base / "tarnio-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) {
       throw std::runtime_error("Could not create a temporary directory.");
     }
