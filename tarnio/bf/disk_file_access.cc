@@ -3,6 +3,7 @@
 #include <array>
 #include <stdexcept>
 
+#include "tarnio/bf/internal/positioning.h"
 #include "tarnio/errors/internal/raise.h"
 
 namespace Tarn::bf {
@@ -10,15 +11,6 @@ namespace Tarn::bf {
 namespace {
 
 using Prefix = std::array<unsigned char, 4>;
-
-// The bytes between the position and the end of the file; the position is left unchanged.
-std::uint64_t bytes_left(DiskFileAccess& file) {
-  const std::uint64_t pos = file.tell();
-  const std::uint64_t end = file.seek(DiskFileAccess::kNpos);
-  file.seek(pos);
-  if (pos == DiskFileAccess::kNpos || end == DiskFileAccess::kNpos || end < pos) return 0;
-  return end - pos;
-}
 
 }  // namespace
 
@@ -33,7 +25,7 @@ void DiskFileAccess::read_str(std::string& s, std::uint64_t n) {
     s.clear();
     return;
   }
-  if (n > bytes_left(*this)) {
+  if (n > internal::bytes_left(*this)) {
     errors::internal::throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
   }
   s.resize(n);

@@ -11,6 +11,7 @@
 #include "tarnio/bf/internal/byte_order.h"
 #include "tarnio/bf/internal/file_header.h"
 #include "tarnio/bf/internal/metadata_block.h"
+#include "tarnio/bf/internal/positioning.h"
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/errors/internal/raise.h"
 
@@ -25,34 +26,13 @@ using internal::kFirstVersionWithMetadata;
 using internal::kNextStackOffset;
 using internal::kStackHeaderSize;
 
-constexpr std::uint64_t kNpos = DiskFileAccess::kNpos;
 constexpr std::size_t kMetadataFieldSize = 8;
 
-void seek_to(DiskFileAccess& file, std::uint64_t pos) {
-  if (file.seek(pos) != pos) throw_tarn("Could not move to position {} of the file.", pos);
-}
-
-std::uint64_t seek_end(DiskFileAccess& file) {
-  const std::uint64_t end = file.seek(kNpos);
-  if (end == kNpos) throw_tarn("Could not move to the end of the file.");
-  return end;
-}
-
 std::uint64_t read_u64_at(DiskFileAccess& file, std::uint64_t pos) {
-  seek_to(file, pos);
+  internal::seek_exactly(file, pos);
   std::array<std::byte, 8> bytes{};
   file.read(bytes.data(), bytes.size());
   return internal::get_u64(bytes, 0);
-}
-
-// Writes `value` at `pos` and puts the file position back where it was.
-void patch_u64(DiskFileAccess& file, std::uint64_t pos, std::uint64_t value) {
-  const std::uint64_t here = file.tell();
-  std::array<std::byte, 8> bytes{};
-  internal::put_u64(bytes, 0, value);
-  seek_to(file, pos);
-  file.write(bytes.data(), bytes.size());
-  seek_to(file, here);
 }
 
 std::uint64_t header_end(std::uint64_t header_position, std::uint32_t version,
@@ -90,7 +70,7 @@ std::uint64_t stack_end(DiskFileAccess& file, const StackImp& stack, std::uint64
   const std::uint64_t data_end = data + std::min(stack.data_length(), file_size - data);
   std::array<std::byte, internal::kRecordEntriesOffset> record{};
   if (file_size - data_end < record.size()) return data_end;
-  seek_to(file, data_end);
+  internal::seek_exactly(file, data_end);
   file.read(record.data(), record.size());
   if (!internal::has_bytes(record, 0, internal::kRecordMagic)) return data_end;
   return data_end +
@@ -157,7 +137,7 @@ void FileImp::open(const std::filesystem::path& path, DiskFile::Mode mode) {
       // added.
       link_position_ = stacks_.empty() ? header_position_ + kFirstStackOffset
                                        : stacks_.back()->position() + kNextStackOffset;
-      seek_end(*this);
+      internal::seek_end(*this);
       writable_ = true;
     }
   } catch (...) {
@@ -250,13 +230,13 @@ std::uint64_t FileImp::begin_stack(StackImp& stack) {
       std::find_if(on_disk, stacks_.end(), [&](const auto& s) { return s.get() == &stack; });
   if (claimed != stacks_.end()) std::rotate(on_disk, claimed, std::next(claimed));
 
-  const std::uint64_t end = seek_end(*this);
+  const std::uint64_t end = internal::seek_end(*this);
   writing_ = &stack;
   return end;
 }
 
 void FileImp::link_stack(std::uint64_t position) {
-  if (link_position_ != 0) patch_u64(*this, link_position_, position);
+  if (link_position_ != 0) internal::patch_u64(*this, link_position_, position);
   // The stack whose link was patched is the last one on disk, or the one before it when the
   // new stack already counts as on disk.
   auto it = on_disk_end(stacks_);
@@ -281,7 +261,7 @@ void FileImp::read_file() {
     read_header();
     read_metadata();
     read_chain();
-    seek_to(*this, header_end(header_position_, format_version_, description_));
+    internal::seek_exactly(*this, header_end(header_position_, format_version_, description_));
   } catch (...) {
     for (const auto& stack : stacks_) stack->detach_from_file();
     stacks_.clear();
@@ -310,7 +290,7 @@ void FileImp::read_metadata() {
   if (metadata_position_ > file_size) {
     throw_tarn("Damaged metadata block: {}", "it starts behind the end of the file.");
   }
-  seek_to(*this, metadata_position_);
+  internal::seek_exactly(*this, metadata_position_);
   metadata_ = internal::read_metadata_block(*this, file_size);
   metadata_end_ = tell();
 }
@@ -344,7 +324,7 @@ void FileImp::write_header() {
   internal::FileHeader header;
   header.version = format_version_;
   header.description = description_;
-  seek_to(*this, header_position_);
+  internal::seek_exactly(*this, header_position_);
   const internal::FileHeaderLayout layout = internal::write_file_header(*this, header);
   metadata_field_position_ = layout.metadata_field;
   link_position_ = layout.first_stack_field;
@@ -354,19 +334,19 @@ void FileImp::write_header() {
 // The OME model is not part of the container yet: whatever the metadata flag says, the
 // "ome_xml" entry is stored as it was read or set.
 void FileImp::write_metadata() {
-  const std::uint64_t position = seek_end(*this);
+  const std::uint64_t position = internal::seek_end(*this);
   // An append that added nothing leaves the file as it was: the block the header points at is
   // still the last thing in the file and holds the same entries.
   if (metadata_position_ != 0 && metadata_end_ == position) {
-    seek_to(*this, metadata_position_);
+    internal::seek_exactly(*this, metadata_position_);
     if (internal::read_metadata_block(*this, position) == metadata_) return;
-    seek_to(*this, position);
+    internal::seek_exactly(*this, position);
   }
   internal::write_metadata_block(*this, metadata_);
   metadata_end_ = tell();
   // The block reaches the device before the header points at it.
   flush_file_buffers();
-  patch_u64(*this, metadata_field_position_, position);
+  internal::patch_u64(*this, metadata_field_position_, position);
   metadata_position_ = position;
 }
 
@@ -385,7 +365,7 @@ void FileImp::drop_unfinished_stack() {
   const bool first = tail == stacks_.begin();
   const std::uint64_t previous_link = first ? header_position_ + kFirstStackOffset
                                             : (*std::prev(tail))->position() + kNextStackOffset;
-  patch_u64(*this, previous_link, 0);
+  internal::patch_u64(*this, previous_link, 0);
   if (!first) (*std::prev(tail))->set_next_position(0);
   link_position_ = previous_link;
   if (writing_ == tail->get()) writing_ = nullptr;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tarnio/bf/internal/byte_order.h"
+#include "tarnio/bf/internal/positioning.h"
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/errors/internal/raise.h"
 
@@ -18,15 +19,6 @@ namespace {
 constexpr std::size_t kMetadataFieldSize = 8;
 
 bool has_metadata_field(std::uint32_t version) { return version >= kFirstVersionWithMetadata; }
-
-// The bytes between the position and the end of the file; the position is left unchanged.
-std::uint64_t bytes_left(DiskFileAccess& file) {
-  const std::uint64_t pos = file.tell();
-  const std::uint64_t end = file.seek(DiskFileAccess::kNpos);
-  file.seek(pos);
-  if (pos == DiskFileAccess::kNpos || end == DiskFileAccess::kNpos || end < pos) return 0;
-  return end - pos;
-}
 
 }  // namespace
 

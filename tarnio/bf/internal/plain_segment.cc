@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "tarnio/errors/internal/raise.h"
+#include "tarnio/bf/internal/positioning.h"
 
 namespace Tarn::bf::internal {
 
@@ -20,9 +20,7 @@ void PlainSegment::read(std::uint64_t offset, std::span<std::byte> out) {
   }
   const std::uint64_t target = data_position_ + offset;
   // Consecutive pieces of one read continue where the previous one ended: no move needed.
-  if (file_.tell() != target && file_.seek(target) != target) {
-    errors::internal::throw_tarn("Could not move to position {} of the file.", target);
-  }
+  if (file_.tell() != target) seek_exactly(file_, target);
   file_.read(out.data(), out.size());
 }
 
