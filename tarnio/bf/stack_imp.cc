@@ -12,6 +12,7 @@
 #include "tarnio/arrays/shape.h"
 #include "tarnio/bf/internal/byte_order.h"
 #include "tarnio/bf/internal/plain_segment.h"
+#include "tarnio/bf/internal/positioning.h"
 #include "tarnio/bf/internal/stack_header.h"
 #include "tarnio/bf/internal/stack_info_json.h"
 #include "tarnio/bf/internal/stack_record.h"
@@ -49,20 +50,6 @@ bool is_complex(DataType type) { return (type & Tarn::dt::complex_flag) != 0; }
 bool in_type_table(DataType type) {
   const std::span<const DataType> known = arrays::all_data_types();
   return std::ranges::find(known, type) != known.end();
-}
-
-std::uint64_t file_size(DiskFileAccess& file) {
-  const std::uint64_t here = file.tell();
-  const std::uint64_t size = file.seek(DiskFileAccess::kNpos);
-  file.seek(here);
-  if (size == DiskFileAccess::kNpos) throw_tarn("Could not determine the size of the file.");
-  return size;
-}
-
-void seek_exactly(DiskFileAccess& file, std::uint64_t position) {
-  if (file.seek(position) != position) {
-    throw_tarn("Could not move to position {} of the file.", position);
-  }
 }
 
 // Names the stored type first and the requested one second, whichever way the data moves.
@@ -159,6 +146,25 @@ StackHost& StackImp::host() const {
   return *host_;
 }
 
+void StackImp::begin_writing(StackHost& file) {
+  const std::string block = header_block(*this, no_data_);
+  const std::uint64_t position = file.begin_stack(*this);
+  try {
+    put_header(file, position, block);
+  } catch (...) {
+    fail();
+    throw;
+  }
+  position_ = position;
+  lock();
+  state_ = State::writing;
+}
+
+void StackImp::fail() noexcept {
+  state_ = State::failed;
+  end_quietly(host_, *this);
+}
+
 bool StackImp::has_data() const { return !no_data_ && number_of_elements() > 0; }
 
 std::uint64_t StackImp::data_position() const {
@@ -245,22 +251,8 @@ void StackImp::write(const void* data, std::uint64_t bytes, DataType buffer_type
     throw std::runtime_error("zlib-compressed stacks cannot be written yet.");
   }
 
-  const auto fail = [this] {
-    state_ = State::failed;
-    end_quietly(host_, *this);
-  };
   if (state_ == State::describing) {
-    const std::string block = header_block(*this, no_data_);
-    const std::uint64_t position = file.begin_stack(*this);
-    try {
-      put_header(file, position, block);
-    } catch (...) {
-      fail();
-      throw;
-    }
-    position_ = position;
-    lock();
-    state_ = State::writing;
+    begin_writing(file);
     segment_ = std::make_unique<internal::PlainSegment>(file.access(), data_position());
   }
   check_position(file.access(), data_position() + samples_written_ * element_size);
@@ -336,24 +328,8 @@ void StackImp::commit() {
   record.add(internal::RecordKey::minimum_reader_version, std::move(version));
   record.add(internal::RecordKey::stack_info, JSON::write(internal::stack_info_to_json(*this)));
 
-  const auto fail = [this] {
-    state_ = State::failed;
-    end_quietly(host_, *this);
-  };
-  if (state_ == State::describing) {
-    // A stack without data: its header and its record are all there is.
-    const std::string block = header_block(*this, no_data_);
-    const std::uint64_t position = file.begin_stack(*this);
-    try {
-      put_header(file, position, block);
-    } catch (...) {
-      fail();
-      throw;
-    }
-    position_ = position;
-    lock();
-    state_ = State::writing;
-  }
+  // A stack without data: its header and its record are all there is.
+  if (state_ == State::describing) begin_writing(file);
   const std::size_t element_size = tarn_dt_get_size(type());
   check_position(file.access(), data_position() + samples_written_ * element_size);
 
@@ -367,14 +343,9 @@ void StackImp::commit() {
     const std::string encoded = internal::encode_stack_record(record);
     access.write(encoded.data(), encoded.size());
     file.count_written(encoded.size());
-    const std::uint64_t end = data_position() + data_length + encoded.size();
     // The data length marks the stack complete, so it is patched last.
-    std::array<std::byte, 8> length_field{};
-    internal::put_u64(length_field, 0, data_length);
-    seek_exactly(access, position_ + internal::kDataLengthOffset);
-    access.write(length_field.data(), length_field.size());
-    file.count_written(length_field.size());
-    seek_exactly(access, end);
+    internal::patch_u64(access, position_ + internal::kDataLengthOffset, data_length);
+    file.count_written(sizeof(std::uint64_t));
     data_length_ = data_length;
   } catch (...) {
     fail();
@@ -386,8 +357,8 @@ void StackImp::commit() {
 
 std::shared_ptr<StackImp> StackImp::read_from(StackHost& host, std::uint64_t position) {
   DiskFileAccess& file = host.access();
-  const std::uint64_t size = file_size(file);
-  seek_exactly(file, position);
+  const std::uint64_t size = internal::file_size(file);
+  internal::seek_exactly(file, position);
   internal::StackHeaderBytes bytes{};
   file.read(bytes.data(), bytes.size());
   const internal::StackHeader header = internal::decode_stack_header(bytes);

@@ -146,6 +146,11 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
  private:
   // Throws std::runtime_error "Cannot access File_Stack, file has been closed." after close.
   StackHost& host() const;
+  // Puts the header, name and description on disk and links the stack into its file's chain;
+  // the stack is being written afterwards, or failed when that went wrong.
+  void begin_writing(StackHost& file);
+  // Marks the stack failed and ends its file's claim on it.
+  void fail() noexcept;
 
   StackHost* host_;
   std::unique_ptr<internal::DataSegment> segment_;
