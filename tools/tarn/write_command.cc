@@ -180,34 +180,19 @@ void run_write(const WriteOptions& options) {
   }
   Input input(options.input);
   if (options.append) {
+    // On a failure the file's destructor closes it, dropping the unfinished stack.
     const auto file = Tarn::open_file(out, Tarn::bf::DiskFile::Mode::append);
-    try {
-      write_stack(*file, options, input);
-    } catch (...) {
-      try {
-        file->close();
-      } catch (...) {
-        // The first failure is the one to report.
-      }
-      throw;
-    }
+    write_stack(*file, options, input);
     return;
   }
   // A symbolic link keeps pointing at the file it names.
   const fs::path target = fs::is_symlink(out, ignored) ? fs::weakly_canonical(out) : out;
   const fs::path temporary = temporary_beside(target);
   try {
-    const auto file = Tarn::create_file();
-    file->open(temporary, Tarn::bf::DiskFile::Mode::write);
-    try {
+    {
+      const auto file = Tarn::create_file();
+      file->open(temporary, Tarn::bf::DiskFile::Mode::write);
       write_stack(*file, options, input);
-    } catch (...) {
-      try {
-        file->close();
-      } catch (...) {
-        // The first failure is the one to report.
-      }
-      throw;
     }
     fs::rename(temporary, target);
   } catch (const fs::filesystem_error& error) {
