@@ -568,18 +568,21 @@ TEST(FileChain, StackAfterACancelledOneTakesItsLink) {
   EXPECT_EQ(read_all(*back->stack(1)), ramp(2, 5));
 }
 
+// A file of two 16-sample stacks and one metadata entry at `path`; returns its bytes.
+std::string two_stack_file(const fs::path& path) {
+  auto file = create_file();
+  file->open(path, Mode::write);
+  file->set_metadata("k", "v");
+  add_ramp(*file, 16, 0);
+  add_ramp(*file, 16, 0);
+  file->close();
+  return read_bytes(path);
+}
+
 TEST(FileChain, DamagedLinksAreRefused) {
   TempDir dir;
   const fs::path path = dir / "f.tbf";
-  {
-    auto file = create_file();
-    file->open(path, Mode::write);
-    file->set_metadata("k", "v");
-    add_ramp(*file, 16, 0);
-    add_ramp(*file, 16, 0);
-    file->close();
-  }
-  const std::string good = read_bytes(path);
+  const std::string good = two_stack_file(path);
   const std::vector<std::uint64_t> chain = chain_of(good);
   ASSERT_EQ(chain.size(), 2u);
   const std::uint64_t block = u64_at(good, 26 + 8);
@@ -625,15 +628,7 @@ class SeekRecordingFile : public FileImp {
 TEST(FileOpen, PositionIsPutBackWhenReadingFails) {
   TempDir dir;
   const fs::path path = dir / "f.tbf";
-  {
-    auto file = create_file();
-    file->open(path, Mode::write);
-    file->set_metadata("k", "v");
-    add_ramp(*file, 16, 0);
-    add_ramp(*file, 16, 0);
-    file->close();
-  }
-  const std::string good = read_bytes(path);
+  const std::string good = two_stack_file(path);
   const std::vector<std::uint64_t> chain = chain_of(good);
   ASSERT_EQ(chain.size(), 2u);
   const std::uint64_t block = u64_at(good, 26);
