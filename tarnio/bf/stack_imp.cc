@@ -52,10 +52,40 @@ bool in_type_table(DataType type) {
   return std::ranges::find(known, type) != known.end();
 }
 
-// Names the stored type first and the requested one second, whichever way the data moves.
-[[noreturn]] void throw_invalid_conversion(DataType stored, DataType requested) {
-  throw std::runtime_error(fmt::format("Invalid on-the-fly conversion from '{}' to '{}'.",
-                                       tarn_dt_get_name(stored), tarn_dt_get_name(requested)));
+enum class Direction { write, read };
+
+// The buffer type a write() or read() works in (none: the stack's own), checked against the
+// stack's type: split imaginary parts need a real buffer and a complex stack, and the
+// converters must have a path in the direction the data moves. The conversion message names
+// the stored type first and the requested one second, whichever way the data moves.
+DataType checked_buffer_type(DataType stack_type, DataType buffer_type, bool split,
+                             Direction direction) {
+  if (buffer_type == Tarn::dt::none) buffer_type = stack_type;
+  const bool writing = direction == Direction::write;
+  if (split) {
+    if (is_complex(buffer_type)) {
+      throw std::runtime_error(writing
+                                   ? "Imaginary block given but buffer is already complex."
+                                   : "Imaginary buffer passed but buffer type is already complex.");
+    }
+    if (!is_complex(stack_type)) {
+      throw std::runtime_error(writing ? "Imaginary block given but stack is not complex."
+                                       : "Imaginary buffer passed but stack is not complex.");
+    }
+  }
+  if (buffer_type == stack_type && !split) return buffer_type;
+  // A zero-count call tells whether the converters have the pair, with the imaginary pointer
+  // standing for the split buffer on its side.
+  const int supported = writing ? tarn_dt_convert(buffer_type, stack_type, nullptr, nullptr, 0,
+                                                  split ? &buffer_type : nullptr, nullptr)
+                                : tarn_dt_convert(stack_type, buffer_type, nullptr, nullptr, 0,
+                                                  nullptr, split ? &buffer_type : nullptr);
+  if (supported != 0) {
+    throw std::runtime_error(fmt::format(
+        "Invalid on-the-fly conversion from '{}' to '{}'.", tarn_dt_get_name(stack_type),
+        tarn_dt_get_name(split ? buffer_type | Tarn::dt::complex_flag : buffer_type)));
+  }
+  return buffer_type;
 }
 
 // Elements per piece of a converting transfer: what fits the bounce buffer, at least one.
@@ -225,21 +255,8 @@ void StackImp::write(const void* data, std::uint64_t bytes, DataType buffer_type
     throw std::runtime_error("Stack data type not set. Cannot write data to the stack.");
   }
 
-  if (buffer_type == Tarn::dt::none) buffer_type = stack_type;
-  if (imag != nullptr) {
-    if (is_complex(buffer_type)) {
-      throw std::runtime_error("Imaginary block given but buffer is already complex.");
-    }
-    if (!is_complex(stack_type)) {
-      throw std::runtime_error("Imaginary block given but stack is not complex.");
-    }
-  }
+  buffer_type = checked_buffer_type(stack_type, buffer_type, imag != nullptr, Direction::write);
   const bool convert = buffer_type != stack_type || imag != nullptr;
-  if (convert &&
-      tarn_dt_convert(buffer_type, stack_type, nullptr, nullptr, 0, imag, nullptr) != 0) {
-    throw_invalid_conversion(stack_type,
-                             imag != nullptr ? buffer_type | Tarn::dt::complex_flag : buffer_type);
-  }
   const std::size_t buffer_element_size = tarn_dt_get_size(buffer_type);
   if (bytes % buffer_element_size != 0) throw std::runtime_error("Not on sample boundary.");
   const std::uint64_t samples = bytes / buffer_element_size;
@@ -465,21 +482,8 @@ std::uint64_t StackImp::read(std::uint64_t first, std::uint64_t count, void* buf
     throw std::invalid_argument("Requested samples lie beyond the end of the stack.");
   }
   const DataType stack_type = type();
-  if (buffer_type == Tarn::dt::none) buffer_type = stack_type;
-  if (imag != nullptr) {
-    if (is_complex(buffer_type)) {
-      throw std::runtime_error("Imaginary buffer passed but buffer type is already complex.");
-    }
-    if (!is_complex(stack_type)) {
-      throw std::runtime_error("Imaginary buffer passed but stack is not complex.");
-    }
-  }
+  buffer_type = checked_buffer_type(stack_type, buffer_type, imag != nullptr, Direction::read);
   const bool convert = buffer_type != stack_type || imag != nullptr;
-  if (convert &&
-      tarn_dt_convert(stack_type, buffer_type, nullptr, nullptr, 0, nullptr, imag) != 0) {
-    throw_invalid_conversion(stack_type,
-                             imag != nullptr ? buffer_type | Tarn::dt::complex_flag : buffer_type);
-  }
   if (compression_ != Compression::none) {
     throw std::runtime_error("zlib-compressed stacks cannot be read yet.");
   }
