@@ -30,7 +30,7 @@ void require_valid(Mode mode) {
   }
 }
 
-// Write mode truncates only after locking, in settle().
+// Write mode empties the file only after locking, in settle().
 int open_flags(Mode mode) {
   if (mode == Mode::read) return O_RDONLY | O_CLOEXEC;
   if (mode == Mode::write) return O_RDWR | O_CREAT | O_CLOEXEC;
@@ -49,15 +49,43 @@ int lock(int fd, Mode mode) {
   return 0;
 }
 
-// Makes a freshly opened descriptor a file of the mode: refuses a directory, locks and
-// truncates a regular file. Returns 0 or the errno of the step that failed.
-int settle(int fd, Mode mode) {
+// Whether a locked, existing file at `path` may be replaced by a new one instead of being
+// truncated: a non-empty regular file reached without a link, with no other name.
+bool replaceable(const std::filesystem::path& path, const struct stat& opened) {
+  struct stat named {};
+  return ::lstat(path.c_str(), &named) == 0 && S_ISREG(named.st_mode) &&
+         named.st_ino == opened.st_ino && named.st_dev == opened.st_dev && named.st_nlink == 1 &&
+         named.st_size > 0;
+}
+
+// Makes a freshly opened descriptor a file of the mode: refuses a directory, locks a regular
+// file and, in write mode, empties it: by replacing it with a new file where that is possible
+// (`fd` then becomes the new file's descriptor), by truncating otherwise. Returns 0 or the errno
+// of the step that failed.
+int settle(int& fd, const std::filesystem::path& path, Mode mode, bool locked) {
   struct stat info {};
   if (::fstat(fd, &info) != 0) return errno;
   if (S_ISDIR(info.st_mode)) return EISDIR;
   if (!S_ISREG(info.st_mode)) return 0;
-  if (const int error = lock(fd, mode); error != 0) return error;
-  if (mode == Mode::write && ::ftruncate(fd, 0) != 0) return errno;
+  if (locked) {
+    if (const int error = lock(fd, mode); error != 0) return error;
+  }
+  if (mode != Mode::write) return 0;
+  if (replaceable(path, info) && ::unlink(path.c_str()) == 0) {
+    // The old file stays locked until its descriptor closes, behind the new one's lock.
+    const int fresh = ::open(path.c_str(), open_flags(mode) | O_EXCL, info.st_mode & 07777);
+    if (fresh >= 0) {
+      if (const int error = lock(fresh, mode); error != 0) {
+        ::close(fresh);
+        return error;
+      }
+      ::close(fd);
+      fd = fresh;
+      return 0;
+    }
+    // Someone else created the name meanwhile: the unlinked file is written instead.
+  }
+  if (::ftruncate(fd, 0) != 0) return errno;
   return 0;
 }
 
@@ -151,9 +179,18 @@ ThreadingSupport DiskFile::threading_support() const { return threading_; }
 void DiskFile::open(const std::filesystem::path& path, Mode mode) {
   if (handle_ != kNoHandle) throw std::runtime_error("File already open or attached.");
   require_valid(mode);
-  const int fd = ::open(path.c_str(), open_flags(mode), 0666);
+  open_descriptor(path, mode, true);
+}
+
+void DiskFile::open_follower(const std::filesystem::path& path) {
+  if (handle_ != kNoHandle) throw std::runtime_error("File already open or attached.");
+  open_descriptor(path, Mode::read, false);
+}
+
+void DiskFile::open_descriptor(const std::filesystem::path& path, Mode mode, bool locked) {
+  int fd = ::open(path.c_str(), open_flags(mode), 0666);
   if (fd < 0) throw_tarn("Could not open file: {}", os_error_text());
-  if (const int error = settle(fd, mode); error != 0) {
+  if (const int error = settle(fd, path, mode, locked); error != 0) {
     ::close(fd);
     throw_tarn("Could not open file: {}", os_error_text(error));
   }

@@ -8,9 +8,14 @@
 // Sharing: open() takes an advisory flock on a regular file, shared in read mode and exclusive
 // in write and append mode, so that readers share the file only with other readers. A
 // conflicting opener, in this process or another, fails with "Could not open file: {}" and the
-// system text; write mode truncates only once it holds the lock, so a refused writer leaves the
-// file intact. File systems without flock are opened without a lock; attached descriptors are
-// never locked.
+// system text; write mode replaces an existing file only once it holds the lock, so a refused
+// writer leaves the file intact. File systems without flock are opened without a lock; attached
+// descriptors are never locked. open_follower() reads without any lock, to follow a file that
+// another process is still writing.
+//
+// Write mode gives a fresh file: an existing regular file with one name is unlinked and
+// created anew, which costs far less than truncating its blocks in place; a symbolic link, a
+// file with several names or a device keeps its identity and is truncated (or written) instead.
 
 #include <cstdint>
 #include <filesystem>
@@ -68,6 +73,9 @@ class TARNIO_EXPORT DiskFile : public DiskFileAccess {
   // file: {}" with the system text when the system refuses (a directory, a missing file, a
   // lock held elsewhere).
   void open(const std::filesystem::path& path, Mode mode);
+  // Opens an existing file for reading (mode read) without taking the readers' lock, so that a
+  // file another process holds for writing can be read while it grows. Throws as open() does.
+  void open_follower(const std::filesystem::path& path);
   // Borrows a descriptor that the caller opened, keeps and closes; it is not locked. Throws
   // std::runtime_error as open() does, std::invalid_argument for a negative handle.
   void attach(NativeHandle handle, Mode mode);
@@ -97,6 +105,7 @@ class TARNIO_EXPORT DiskFile : public DiskFileAccess {
 
  private:
   void adopt(NativeHandle handle, bool owned, Mode mode);
+  void open_descriptor(const std::filesystem::path& path, Mode mode, bool locked);
   void require_handle() const;
 
   ThreadingSupport threading_;

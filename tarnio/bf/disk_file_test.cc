@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,6 +70,46 @@ TEST(DiskFileModes, WriteTruncatesAndAppendKeepsContents) {
   file.write("def", 3);
   file.close();
   EXPECT_EQ(read_file(path), "abcdef");
+}
+
+std::uint64_t inode_of(const std::filesystem::path& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+}
+
+// Write mode replaces a plain file with a new one (cheaper than truncating its blocks), but
+// keeps the identity of what other names or links share: they must see the new contents.
+TEST(DiskFileModes, WriteReplacesPlainFilesAndTruncatesSharedOnes) {
+  TempDir dir;
+  const auto path = dir / "data.tbf";
+  write_file(path, "old contents");
+  ::chmod(path.c_str(), 0640);
+  const std::uint64_t old_inode = inode_of(path);
+  {
+    // A reader of the old file keeps reading it while the new one is written.
+    DiskFile reader;
+    reader.open_follower(path);
+    write_file(path, "new");
+    std::string old(12, '\0');
+    reader.read(old.data(), old.size());
+    EXPECT_EQ(old, "old contents");
+  }
+  EXPECT_NE(inode_of(path), old_inode);
+  EXPECT_EQ(read_file(path), "new");
+  struct stat info {};
+  ASSERT_EQ(::stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0640u);
+
+  const auto link = dir / "link.tbf";
+  const auto hard = dir / "hard.tbf";
+  std::filesystem::create_symlink(path, link);
+  std::filesystem::create_hard_link(path, hard);
+  const std::uint64_t shared_inode = inode_of(path);
+  write_file(link, "via link");
+  write_file(hard, "via hard link");
+  EXPECT_EQ(inode_of(path), shared_inode);
+  EXPECT_EQ(read_file(path), "via hard link");
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
 }
 
 TEST(DiskFileModes, MissingFilesAndDirectoriesCannotBeOpened) {
