@@ -9,7 +9,8 @@ CMAKE_FLAGS ?=
 # The Debian packages the build needs.
 PACKAGES := cmake make g++ pkg-config zlib1g-dev libfmt-dev libboost-dev libgtest-dev \
             libgmock-dev libbenchmark-dev libcli11-dev clang-format \
-            nlohmann-json3-dev libpugixml-dev libxml2-utils
+            nlohmann-json3-dev libpugixml-dev libxml2-utils \
+            libisal-dev libdeflate-dev pigz libhdf5-dev
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 

@@ -28,8 +28,7 @@ class PlainSegment final : public DataSegment {
   // be moved or the file is shorter than the data.
   void read(std::uint64_t offset, std::span<std::byte> out) override;
 
-  // The file position just behind the data.
-  std::uint64_t end() const { return data_position_ + length_; }
+  std::uint64_t end_position() const override { return data_position_ + length_; }
 
  private:
   DiskFileAccess& file_;

@@ -15,6 +15,26 @@
 //
 //   record          "TARN_BF_RECORD\n" FF, u64 record length (all of it, magic included),
 //                   entries: u32 key, u64 length, length bytes; unknown keys are skipped
+//
+// Compressed data (compression type 1) is one zlib stream (RFC 1950) of data-length bytes that
+// any inflater turns into the plain bytes: the 2-byte zlib header; per flush block of plain
+// input, a run of raw deflate blocks ended by a full flush (an empty stored block, so the run
+// ends on a byte and needs no earlier bytes to inflate); an empty final block; the adler32 of
+// all plain bytes, big-endian. The flush index (record key 3) lists the flush points as pairs
+// (u64 plain offset, u64 stored offset from the data position): (0, 2) first, then the start of
+// every further run, and last (plain length, offset of the final block); both offsets strictly
+// increase. A stream without index (one run, or a simpler writer) is read front to back.
+//
+// Chunk-wise written data is a sequence of chunk frames from the data position on, each
+//   "TARN_BF_CHUNK\n" FF FF, u64 samples, u64 index length, u64 stored length,
+//   stored bytes (the chunk's plain samples, or a zlib stream of them as above),
+//   index-length bytes: the flush index of the chunk's stream (compressed chunks only).
+// The writer patches a frame's stored length last, once everything else of the chunk is in
+// the file: a frame with stored length 0 was never completed, and a reader (another process
+// while the file grows, or the recovery of a file whose writer died) stops there and never
+// sees a torn chunk. The chunk index (record key 4) lists (u64 first sample, u64 samples,
+// u64 frame offset from the data position) per chunk. The header's data length covers all
+// frames; a stack whose last dimension grows stores that dimension's size at commit.
 
 #include <array>
 #include <cstddef>
@@ -66,9 +86,24 @@ enum class RecordKey : std::uint32_t {
   minimum_reader_version = 1,
   // UTF-8 JSON: the stack info beyond the fixed header (see stack_info_json.h).
   stack_info = 2,
-  // Reserved for the compressed and chunk-wise written data.
+  // The flush points of compressed data: pairs of u64 (plain offset, stored offset).
   flush_index = 3,
+  // The chunks of chunk-wise written data: triples of u64 (first sample, samples, frame offset).
   chunk_index = 4,
 };
+
+// Compressed data.
+inline constexpr std::size_t kZlibHeaderSize = 2;
+// The empty final block (2 bytes) and the adler32 (4 bytes) that end a stream.
+inline constexpr std::size_t kZlibTrailerSize = 6;
+inline constexpr std::size_t kFlushPointSize = 16;
+
+// Chunk frames.
+inline constexpr std::string_view kChunkMagic{"TARN_BF_CHUNK\n\xFF\xFF", 16};
+inline constexpr std::size_t kChunkSamplesOffset = 16;
+inline constexpr std::size_t kChunkIndexLengthOffset = 24;
+inline constexpr std::size_t kChunkStoredLengthOffset = 32;
+inline constexpr std::size_t kChunkHeaderSize = 40;
+inline constexpr std::size_t kChunkIndexEntrySize = 24;
 
 }  // namespace Tarn::bf::internal
