@@ -9,7 +9,10 @@
 //   - a file that opens for reading opens for appending, and appending nothing leaves a file
 //     that reads again with the same description, metadata (the OME-XML aside) and stacks;
 //     one that fails for reading fails alike for appending, and when the open itself failed,
-//     the file is untouched.
+//     the file is untouched;
+//   - opened as an unfinished file (the way a reader follows a file being written, and the way
+//     recovery reads it), it shows its stacks, which read in full likewise, or fails with a
+//     documented error.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -145,8 +148,8 @@ void read_stack(StackImp& stack, std::size_t index, std::uint64_t file_size,
              " in a file of " + std::to_string(file_size));
   }
   const std::uint64_t size = tarn_dt_get_size(stack.type());
-  const std::uint64_t count = stack.number_of_elements();
-  const bool plain = stack.compression() == StackImp::Compression::none;
+  const std::uint64_t count = stack.samples_available();
+  const bool plain = stack.compression() == StackImp::Compression::none && !stack.is_chunk_wise();
   if (plain && (size == 0 || count > length / size || count * size != length)) {
     fail("plain data that is not its elements' bytes",
          which + std::to_string(count) + " elements of type " + std::to_string(stack.type()) +
@@ -157,7 +160,8 @@ void read_stack(StackImp& stack, std::size_t index, std::uint64_t file_size,
   for (std::uint64_t first = 0; first < count; first += piece) {
     const std::uint64_t n = std::min(piece, count - first);
     const std::uint64_t next = stack.read(first, n, buffer.data());
-    const std::uint64_t expected = first + n == count ? StackImp::kNpos : first + n;
+    const std::uint64_t expected =
+        first + n == stack.number_of_elements() ? StackImp::kNpos : first + n;
     if (next != expected) {
       fail("read returned the wrong position", which + "reading " + std::to_string(n) +
                                                    " samples from " + std::to_string(first) +
@@ -166,12 +170,13 @@ void read_stack(StackImp& stack, std::size_t index, std::uint64_t file_size,
   }
 }
 
-// Opens the file in `mode`, reads every stack, closes it and returns what it showed. `opened`
-// tells whether the open succeeded, whatever came after it.
+// Opens the file in `mode` (none: as an unfinished file), reads every stack, closes it and
+// returns what it showed. `opened` tells whether the open succeeded, whatever came after it.
 Summary open_and_read(const fs::path& path, DiskFile::Mode mode, std::vector<std::byte>& buffer,
                       bool& opened) {
   opened = false;
-  const auto file = Tarn::open_file(path, mode);
+  const auto file =
+      mode == DiskFile::Mode::none ? Tarn::open_unfinished_file(path) : Tarn::open_file(path, mode);
   opened = true;
   Summary summary;
   summary.format_version = file->format_version();
@@ -212,6 +217,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   allocation_limit = size + kAllocationAllowance;
   bool opened = false;
+  Summary unfinished;
+  documented_error(
+      [&] { unfinished = open_and_read(input.path(), DiskFile::Mode::none, buffer, opened); });
   Summary read;
   const std::string read_error = documented_error(
       [&] { read = open_and_read(input.path(), DiskFile::Mode::read, buffer, opened); });

@@ -213,6 +213,22 @@ StackInfoImp::~StackInfoImp() = default;
 
 int StackInfoImp::type() const { return type_; }
 const std::vector<std::uint64_t>& StackInfoImp::shape() const { return shape_; }
+
+void StackInfoImp::resize_last_axis(std::uint64_t size) {
+  if (shape_.empty()) throw std::invalid_argument("Invalid axis specified.");
+  std::vector<std::uint64_t> shape = shape_;
+  shape.back() = size;
+  number_of_elements_ = arrays::number_of_elements(shape);
+  shape_ = std::move(shape);
+  const std::size_t axis = shape_.size() - 1;
+  if (col_labels_[axis].size() != size) col_labels_[axis].clear();
+  if (!equidistant_[axis] && col_positions_[axis].size() != size) {
+    col_positions_[axis].clear();
+    equidistant_[axis] = true;
+  }
+  if (equidistant_[axis]) col_positions_[axis].clear();
+  if (xy_col_positions_[axis].size() != size) xy_col_positions_[axis].clear();
+}
 std::uint64_t StackInfoImp::number_of_elements() const { return number_of_elements_; }
 const std::string& StackInfoImp::name() const { return name_; }
 const std::string& StackInfoImp::description() const { return description_; }

@@ -119,6 +119,11 @@ class TARNIO_EXPORT StackInfoImp : public virtual StackInfoInterface {
   void unlock() { locked_ = false; }
   // For a stack whose element type becomes known after construction (a file stack).
   void set_data_type(DataType type) { type_ = type; }
+  // For a stack whose last axis grows while it is written: the axis becomes `size` long, and
+  // what was given per pixel of it (column labels and positions) is dropped when it no longer
+  // fits. Throws std::runtime_error "The product exceeds the maximum size." (the shape stays)
+  // and std::invalid_argument "Invalid axis specified." for a stack of rank 0. Signals nothing.
+  void resize_last_axis(std::uint64_t size);
   // Throws std::runtime_error "Cannot set values: Object locked." when locked.
   void throw_if_locked() const;
   // Throws std::invalid_argument "Invalid axis specified." when axis >= rank.

@@ -108,20 +108,7 @@ void FileImp::open(const std::filesystem::path& path, DiskFile::Mode mode) {
     throw std::runtime_error("Invalid opening mode.");
   }
   DiskFile::open(path, mode);
-  // What the previous file left for inspection after its close() is forgotten now.
-  stacks_.clear();
-  writing_ = nullptr;
-  header_position_ = 0;
-  link_position_ = 0;
-  header_pending_ = false;
-  writable_ = false;
-  description_.clear();
-  format_version_ = internal::kFileFormatVersion;
-  metadata_.clear();
-  metadata_position_ = 0;
-  metadata_end_ = 0;
-  metadata_field_position_ = 0;
-
+  forget_file();
   if (mode == Mode::write) {
     header_position_ = tell();
     header_pending_ = true;
@@ -130,7 +117,7 @@ void FileImp::open(const std::filesystem::path& path, DiskFile::Mode mode) {
   }
   // A file that cannot be read is closed again, so that the object can open another one.
   try {
-    read_file();
+    read_file(false);
     if (mode == Mode::append) {
       // New stacks go behind everything, the old metadata block included: it stays valid until
       // close() points the header at the new one, so an interrupted append loses only what it
@@ -144,6 +131,33 @@ void FileImp::open(const std::filesystem::path& path, DiskFile::Mode mode) {
     close();
     throw;
   }
+}
+
+void FileImp::open_unfinished(const std::filesystem::path& path) {
+  DiskFile::open_follower(path);
+  forget_file();
+  try {
+    read_file(true);
+  } catch (...) {
+    close();
+    throw;
+  }
+}
+
+// What the previous file left for inspection after its close() is forgotten.
+void FileImp::forget_file() {
+  stacks_.clear();
+  writing_ = nullptr;
+  header_position_ = 0;
+  link_position_ = 0;
+  header_pending_ = false;
+  writable_ = false;
+  description_.clear();
+  format_version_ = internal::kFileFormatVersion;
+  metadata_.clear();
+  metadata_position_ = 0;
+  metadata_end_ = 0;
+  metadata_field_position_ = 0;
 }
 
 void FileImp::close() {
@@ -254,13 +268,25 @@ void FileImp::end_stack(StackImp& stack) {
   if (writing_ == &stack) writing_ = nullptr;
 }
 
-void FileImp::read_file() {
+void FileImp::read_file(bool unfinished) {
   const std::uint64_t start = tell();
   try {
     header_position_ = start;
     read_header();
-    read_metadata();
-    read_chain();
+    if (!unfinished) {
+      read_metadata();
+    } else if (metadata_position_ != 0) {
+      // An unfinished file has no metadata block yet; one that cannot be read is lost, and the
+      // stacks are what is left to show.
+      try {
+        read_metadata();
+      } catch (const std::exception&) {
+        metadata_.clear();
+        metadata_position_ = 0;
+        metadata_end_ = 0;
+      }
+    }
+    read_chain(unfinished);
     internal::seek_exactly(*this, header_end(header_position_, format_version_, description_));
   } catch (...) {
     for (const auto& stack : stacks_) stack->detach_from_file();
@@ -295,7 +321,7 @@ void FileImp::read_metadata() {
   metadata_end_ = tell();
 }
 
-void FileImp::read_chain() {
+void FileImp::read_chain(bool unfinished) {
   const std::uint64_t file_size = size();
   OccupiedRanges occupied;
   occupied.add(header_position_, header_end(header_position_, format_version_, description_));
@@ -306,16 +332,29 @@ void FileImp::read_chain() {
   while (position != 0) {
     if (position > file_size || file_size - position < kStackHeaderSize ||
         occupied.overlaps(position, position + kStackHeaderSize)) {
+      if (unfinished) return;
       throw std::runtime_error("Invalid stack position specified in header.");
     }
-    std::shared_ptr<StackImp> stack = StackImp::read_from(host, position);
+    std::shared_ptr<StackImp> stack;
+    if (!unfinished) {
+      stack = StackImp::read_from(host, position);
+    } else {
+      // What cannot be read of an unfinished file is where its writer stopped.
+      try {
+        stack = StackImp::read_unfinished_from(host, position);
+      } catch (const std::exception&) {
+      }
+      if (stack == nullptr) return;
+    }
     const std::uint64_t end = stack_end(*this, *stack, file_size);
     if (occupied.overlaps(position, end)) {
       stack->detach_from_file();
+      if (unfinished) return;
       throw std::runtime_error("Invalid stack position specified in header.");
     }
     occupied.add(position, end);
     stacks_.push_back(stack);
+    if (stack->is_unfinished()) return;
     position = stack->next_position();
   }
 }
@@ -385,6 +424,12 @@ std::shared_ptr<bf::FileInterface> open_file(const std::filesystem::path& path,
                                              bf::DiskFile::Mode mode) {
   auto file = std::make_shared<bf::FileImp>();
   file->open(path, mode);
+  return file;
+}
+
+std::shared_ptr<bf::FileInterface> open_unfinished_file(const std::filesystem::path& path) {
+  auto file = std::make_shared<bf::FileImp>();
+  file->open_unfinished(path);
   return file;
 }
 

@@ -54,6 +54,12 @@ class TARNIO_EXPORT FileImp : public FileInterface,
   ~FileImp() override;
 
   void open(const std::filesystem::path& path, DiskFile::Mode mode) override;
+  // Opens read-only a file that another process may still be writing, or whose writer died:
+  // without the readers' lock and without its metadata block when there is none yet. The
+  // stacks are those committed, in chain order, up to the first that is not, plus, when that
+  // one is written chunk-wise, its committed chunks (StackImp::is_unfinished). Anything damaged
+  // or not yet written ends the chain quietly. Throws as open() for a file without header.
+  void open_unfinished(const std::filesystem::path& path);
   void close() override;
   bool is_open() const override;
   bool is_writable() const override { return writable_; }
@@ -85,11 +91,14 @@ class TARNIO_EXPORT FileImp : public FileInterface,
   void link_stack(std::uint64_t position) override;
   void end_stack(StackImp& stack) override;
   void count_written(std::uint64_t bytes) override { bytes_written_ += bytes; }
+  void mark_sparse() override { set_sparse(true); }
 
-  void read_file();
+  // Resets what the previously open file left; nothing is open afterwards.
+  void forget_file();
+  void read_file(bool unfinished);
   void read_header();
   void read_metadata();
-  void read_chain();
+  void read_chain(bool unfinished);
   void write_header();
   void write_metadata();
   void drop_unfinished_stack();

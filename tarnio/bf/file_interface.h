@@ -93,5 +93,11 @@ TARNIO_EXPORT std::shared_ptr<bf::FileInterface> create_file(bool metadata = tru
 // Opens the file at `path` in `mode` (see above). Throws as FileImp::open does.
 TARNIO_EXPORT std::shared_ptr<bf::FileInterface> open_file(const std::filesystem::path& path,
                                                            bf::DiskFile::Mode mode);
+// Opens read-only a file that another process is still writing, or whose writer died before
+// close (which open_file refuses with "File incomplete. Metadata missing."): its committed
+// stacks and the committed chunks of a stack written chunk-wise (see FileImp::open_unfinished).
+// Open it again to see what was added since.
+TARNIO_EXPORT std::shared_ptr<bf::FileInterface> open_unfinished_file(
+    const std::filesystem::path& path);
 
 }  // namespace Tarn

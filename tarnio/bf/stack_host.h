@@ -32,6 +32,8 @@ class StackHost {
   virtual void end_stack(StackImp& stack) = 0;
   // Counts bytes written through the container.
   virtual void count_written(std::uint64_t bytes) = 0;
+  // Marks the file sparse: a stack reserved space that stays unwritten until its data comes.
+  virtual void mark_sparse() = 0;
 
  protected:
   ~StackHost() = default;

@@ -11,12 +11,15 @@
 
 #include "tarnio/arrays/shape.h"
 #include "tarnio/bf/internal/byte_order.h"
+#include "tarnio/bf/internal/chunked_segment.h"
+#include "tarnio/bf/internal/flush_index.h"
 #include "tarnio/bf/internal/plain_segment.h"
 #include "tarnio/bf/internal/positioning.h"
 #include "tarnio/bf/internal/stack_header.h"
 #include "tarnio/bf/internal/stack_info_json.h"
 #include "tarnio/bf/internal/stack_record.h"
 #include "tarnio/bf/internal/tbf_format.h"
+#include "tarnio/bf/internal/zlib_segment.h"
 #include "tarnio/bf/stack_host.h"
 #include "tarnio/errors/internal/raise.h"
 #include "tarnio/json/read_write.h"
@@ -44,6 +47,9 @@ constexpr std::uint64_t kDirectPiece = std::uint64_t{64} << 20;
 // the host asks for, so that neither needs more than 16 MiB beyond the caller's buffer.
 constexpr std::uint64_t kMaxBounceBytes = std::uint64_t{8} << 20;
 constexpr std::uint64_t kMaxStoredSize = std::numeric_limits<std::uint32_t>::max();
+// The smallest flush block a chunk-wise compressed stack picks by itself: below it, the joins
+// between blocks cost more than the threads gain.
+constexpr std::uint64_t kMinChunkFlushBlock = std::uint64_t{256} << 10;
 
 bool is_complex(DataType type) { return (type & Tarn::dt::complex_flag) != 0; }
 
@@ -133,7 +139,9 @@ std::string header_block(const StackImp& stack, bool no_data) {
   internal::StackHeader header;
   header.rank = static_cast<std::uint32_t>(sizes.size());
   for (std::size_t i = 0; i < sizes.size(); ++i) {
-    header.sizes[i] = static_cast<std::uint32_t>(sizes[i]);
+    // A growing last dimension has no size until commit.
+    const bool growing = stack.has_variable_last_dimension() && i + 1 == sizes.size();
+    header.sizes[i] = growing ? 0 : static_cast<std::uint32_t>(sizes[i]);
     header.lengths[i] = stack.lengths()[i];
     header.offsets[i] = stack.offsets()[i];
   }
@@ -195,7 +203,48 @@ void StackImp::fail() noexcept {
   end_quietly(host_, *this);
 }
 
-bool StackImp::has_data() const { return !no_data_ && number_of_elements() > 0; }
+bool StackImp::has_data() const {
+  return !no_data_ && (variable_ ? slice_elements() > 0 : number_of_elements() > 0);
+}
+
+std::uint64_t StackImp::slice_elements() const {
+  const std::vector<std::uint64_t>& sizes = shape();
+  if (sizes.empty()) return 1;
+  return arrays::number_of_elements(std::span(sizes).first(sizes.size() - 1));
+}
+
+std::uint64_t StackImp::samples_left() const {
+  if (!variable_) return number_of_elements() - samples_written_;
+  return std::numeric_limits<std::uint64_t>::max() - samples_written_;
+}
+
+std::uint64_t StackImp::flush_block_size() const {
+  return flush_block_size_ != 0 ? flush_block_size_ : (host_ != nullptr ? host_->block_size() : 0);
+}
+
+std::unique_ptr<internal::DataSegment> StackImp::new_segment(StackHost& file) const {
+  std::optional<internal::ZlibSettings> zlib;
+  if (compression_ == Compression::zlib) {
+    zlib = internal::ZlibSettings{compression_level_, flush_block_size(),
+                                  file.access().threading_support()};
+    // Each chunk is a stream of its own, whose blocks its threads share; by default a chunk
+    // gets a block per thread, so that a chunk smaller than threads x blocks keeps them busy.
+    if (is_chunk_wise() && flush_block_size_ == 0) {
+      const std::uint64_t chunk_bytes = chunk_samples_ * tarn_dt_get_size(type());
+      const std::uint64_t threads = std::max<std::uint64_t>(zlib->threading.thread_count, 1);
+      const std::uint64_t per_thread = (chunk_bytes + threads - 1) / threads;
+      zlib->flush_block_size =
+          std::min(flush_block_size(), std::max(per_thread, kMinChunkFlushBlock));
+    }
+  }
+  if (is_chunk_wise()) {
+    return std::make_unique<internal::ChunkedSegment>(
+        file.access(), data_position(),
+        internal::ChunkLayout{tarn_dt_get_size(type()), chunk_samples_, zlib});
+  }
+  if (zlib) return std::make_unique<internal::ZlibSegment>(file.access(), data_position(), *zlib);
+  return std::make_unique<internal::PlainSegment>(file.access(), data_position());
+}
 
 std::uint64_t StackImp::data_position() const {
   if (state_ == State::describing) return 0;
@@ -222,12 +271,91 @@ void StackImp::set_compression(Compression type, std::uint32_t level) {
   compression_level_ = level;
 }
 
+void StackImp::set_flush_block_size(std::uint64_t bytes) {
+  host();
+  if (state_ != State::describing) {
+    throw std::runtime_error("Flush block size can only be set before starting to write.");
+  }
+  if (bytes == 0) throw std::invalid_argument("The flush block size must not be 0.");
+  flush_block_size_ = bytes;
+}
+
 void StackImp::set_no_data(bool no_data) {
   host();
   if (state_ != State::describing) {
     throw std::runtime_error("Invalid attempt to change write flags.");
   }
   no_data_ = no_data;
+}
+
+void StackImp::set_chunk_wise(bool chunk_wise, std::uint64_t chunk_samples) {
+  host();
+  if (state_ != State::describing) {
+    throw std::runtime_error("Invalid attempt to change write flags.");
+  }
+  if (shape().empty()) throw std::invalid_argument("A stack of rank 0 has no chunks.");
+  const std::uint64_t slice = std::max<std::uint64_t>(slice_elements(), 1);
+  if (chunk_wise && chunk_samples % slice != 0) {
+    throw std::runtime_error("Custom varsize chunk size must be multiple of default chunk size");
+  }
+  chunk_samples_ = !chunk_wise ? 0 : chunk_samples != 0 ? chunk_samples : slice;
+  // A growing stack is always written in chunks.
+  if (!chunk_wise && variable_) chunk_samples_ = slice;
+}
+
+void StackImp::set_variable_last_dimension(bool variable) {
+  host();
+  if (state_ != State::describing) {
+    throw std::runtime_error("Invalid attempt to change write flags.");
+  }
+  if (shape().empty()) throw std::invalid_argument("A stack of rank 0 has no last dimension.");
+  variable_ = variable;
+  if (variable_ && !is_chunk_wise()) chunk_samples_ = std::max<std::uint64_t>(slice_elements(), 1);
+}
+
+void StackImp::reserve_space() {
+  StackHost& file = host();
+  if (state_ == State::committed) {
+    throw std::runtime_error("Cannot reserve space: Stack is already completely written to disk.");
+  }
+  if (state_ != State::describing) {
+    throw std::runtime_error("Cannot reserve space: Stack is in an invalid state.");
+  }
+  if (variable_) {
+    throw std::runtime_error(
+        "Cannot reserve space: The last dimension of the stack is variable sized.");
+  }
+  if (!has_data())
+    throw std::runtime_error("Cannot reserve space: Stack was created as data less.");
+  const std::size_t element_size = tarn_dt_get_size(type());
+  if (element_size == 0) {
+    throw std::runtime_error(
+        "Cannot reserve space: The data type of the stack is not (yet) determined.");
+  }
+  if (is_chunk_wise()) {
+    throw std::runtime_error("Invalid attempt to reserve space: Stack is written chunk wise.");
+  }
+  const std::uint64_t elements = number_of_elements();
+  if (elements > std::numeric_limits<std::uint64_t>::max() / element_size) {
+    throw std::invalid_argument("The product exceeds the maximum size.");
+  }
+
+  begin_writing(file);
+  try {
+    // One byte at the end of the reserved space makes the file that long; everything before
+    // it stays a hole until the data arrives.
+    DiskFileAccess& access = file.access();
+    const std::uint64_t reserved = elements * element_size;
+    file.mark_sparse();
+    internal::seek_exactly(access, data_position() + reserved - 1);
+    const std::byte zero{0};
+    access.write(&zero, 1);
+    internal::seek_exactly(access, data_position());
+    segment_ = new_segment(file);
+  } catch (...) {
+    fail();
+    throw;
+  }
 }
 
 void StackImp::set_progress_callback(ProgressCallback callback) { progress_ = std::move(callback); }
@@ -245,8 +373,7 @@ void StackImp::write(const void* data, std::uint64_t bytes, DataType buffer_type
       break;
   }
   if (!has_data()) throw std::runtime_error("Trying to write to empty stack.");
-  const std::uint64_t total = number_of_elements();
-  if (samples_written_ == total) {
+  if (samples_left() == 0) {
     throw std::runtime_error("Stack is already complete. Invalid call to write().");
   }
   const DataType stack_type = type();
@@ -260,21 +387,25 @@ void StackImp::write(const void* data, std::uint64_t bytes, DataType buffer_type
   const std::size_t buffer_element_size = tarn_dt_get_size(buffer_type);
   if (bytes % buffer_element_size != 0) throw std::runtime_error("Not on sample boundary.");
   const std::uint64_t samples = bytes / buffer_element_size;
-  if (samples > total - samples_written_) {
+  if (samples > samples_left()) {
     throw std::runtime_error("Trying to write more samples than the stack is long.");
   }
   if (samples > 0 && data == nullptr) throw std::invalid_argument("Null buffer passed to write().");
-  if (state_ == State::describing && compression_ == Compression::zlib) {
-    throw std::runtime_error("zlib-compressed stacks cannot be written yet.");
-  }
 
   if (state_ == State::describing) {
     begin_writing(file);
-    segment_ = std::make_unique<internal::PlainSegment>(file.access(), data_position());
+    try {
+      segment_ = new_segment(file);
+    } catch (...) {
+      fail();
+      throw;
+    }
   }
-  check_position(file.access(), data_position() + samples_written_ * element_size);
+  check_position(file.access(), segment_->end_position());
 
-  const std::uint64_t stack_bytes = total * element_size;
+  // A growing stack reports the bytes written so far as the total.
+  const std::uint64_t stack_bytes =
+      (variable_ ? samples_written_ + samples : number_of_elements()) * element_size;
   const auto report = [&] {
     if (progress_ && !progress_(samples_written_ * element_size, stack_bytes)) {
       throw std::runtime_error("Cancelled by user.");
@@ -330,10 +461,21 @@ void StackImp::commit() {
       if (has_data()) throw std::runtime_error("Not enough samples written.");
       break;
     case State::writing:
-      if (samples_written_ < number_of_elements()) {
+      if (variable_ ? samples_written_ == 0 || samples_written_ % slice_elements() != 0
+                    : samples_written_ < number_of_elements()) {
         throw std::runtime_error("Not enough samples written.");
       }
       break;
+  }
+  // A growing stack is as long as the slices written; the record below describes that shape.
+  const std::uint64_t last_size = variable_ ? samples_written_ / slice_elements() : 0;
+  if (variable_) {
+    if (last_size > kMaxStoredSize) {
+      throw std::runtime_error("Too many slices written: a stack stores sizes below 2^32.");
+    }
+    unlock();
+    resize_last_axis(last_size);
+    lock();
   }
 
   // What can be refused is refused before any byte moves: the stack info as JSON (a tag that
@@ -347,8 +489,7 @@ void StackImp::commit() {
 
   // A stack without data: its header and its record are all there is.
   if (state_ == State::describing) begin_writing(file);
-  const std::size_t element_size = tarn_dt_get_size(type());
-  check_position(file.access(), data_position() + samples_written_ * element_size);
+  if (segment_ != nullptr) check_position(file.access(), segment_->end_position());
 
   try {
     DiskFileAccess& access = file.access();
@@ -356,6 +497,14 @@ void StackImp::commit() {
     if (segment_ != nullptr) {
       data_length = segment_->finish();
       for (auto& [key, value] : segment_->record_entries()) record.add(key, std::move(value));
+    }
+    if (variable_) {
+      std::array<std::byte, 4> size{};
+      internal::put_u32(size, 0, static_cast<std::uint32_t>(last_size));
+      const std::uint64_t here = access.tell();
+      internal::seek_exactly(access, position_ + internal::kSizesOffset + 4 * (shape().size() - 1));
+      access.write(size.data(), size.size());
+      internal::seek_exactly(access, here);
     }
     const std::string encoded = internal::encode_stack_record(record);
     access.write(encoded.data(), encoded.size());
@@ -373,6 +522,15 @@ void StackImp::commit() {
 }
 
 std::shared_ptr<StackImp> StackImp::read_from(StackHost& host, std::uint64_t position) {
+  return read_stack(host, position, false);
+}
+
+std::shared_ptr<StackImp> StackImp::read_unfinished_from(StackHost& host, std::uint64_t position) {
+  return read_stack(host, position, true);
+}
+
+std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t position,
+                                               bool unfinished) {
   DiskFileAccess& file = host.access();
   const std::uint64_t size = internal::file_size(file);
   internal::seek_exactly(file, position);
@@ -388,7 +546,8 @@ std::shared_ptr<StackImp> StackImp::read_from(StackHost& host, std::uint64_t pos
     throw_tarn("Cannot set data layout.");
   }
   const std::size_t element_size = tarn_dt_get_size(header.type);
-  if (!in_type_table(header.type) || (element_size == 0 && header.data_length != 0)) {
+  if (!in_type_table(header.type) || (element_size == 0 && header.data_length != 0) ||
+      (element_size != 0 && elements > std::numeric_limits<std::uint64_t>::max() / element_size)) {
     throw_tarn("Cannot set data layout.");
   }
   if (header.compression > 1) throw_tarn("Invalid compression type specified.");
@@ -410,6 +569,46 @@ std::shared_ptr<StackImp> StackImp::read_from(StackHost& host, std::uint64_t pos
   if (header.data_length > size - data_position) {
     throw_tarn("Stack data lies beyond the end of the file.");
   }
+  stack->position_ = position;
+  stack->format_version_ = header.version;
+  stack->compression_ = static_cast<Compression>(header.compression);
+  stack->compression_level_ = header.compression_level;
+  stack->next_position_ = header.next_stack;
+  stack->state_ = State::committed;
+
+  std::optional<internal::ZlibSettings> zlib;
+  if (stack->compression_ == Compression::zlib) {
+    zlib = internal::ZlibSettings{header.compression_level, 0, file.threading_support()};
+  }
+  // In a file whose writer is still at work (or died), a stack whose data length is still 0
+  // although it holds data is the one being written. Only the committed chunks of a chunk-wise
+  // written one can be read. (In a finished file, data length 0 means no data.)
+  const bool growing = header.rank > 0 && header.sizes[header.rank - 1] == 0;
+  if (unfinished && header.data_length == 0 && header.data_flag != 0 && (elements > 0 || growing)) {
+    if (element_size == 0 ||
+        !internal::has_magic_at(file, data_position, size, internal::kChunkMagic)) {
+      return nullptr;
+    }
+    const std::uint64_t most = growing ? (size - data_position) / element_size : elements;
+    auto segment = internal::ChunkedSegment::from_frames(file, data_position, size, most,
+                                                         {element_size, 1, zlib});
+    std::uint64_t samples = segment->committed_samples();
+    if (growing) {
+      const std::uint64_t slice = stack->slice_elements();
+      if (slice == 0) return nullptr;
+      stack->resize_last_axis(samples / slice);
+      samples = samples / slice * slice;
+    }
+    // Nothing committed yet: nothing to show.
+    if (samples == 0) return nullptr;
+    stack->unfinished_ = true;
+    stack->chunk_samples_ = segment->chunks().empty() ? 0 : segment->chunks().front().samples;
+    stack->data_length_ = segment->end_position() - data_position;
+    stack->samples_written_ = samples;
+    stack->segment_ = std::move(segment);
+    stack->lock();
+    return stack;
+  }
 
   const std::optional<internal::StackRecord> record =
       internal::read_stack_record(file, data_position + header.data_length, size);
@@ -429,11 +628,20 @@ std::shared_ptr<StackImp> StackImp::read_from(StackHost& host, std::uint64_t pos
     throw_tarn("Cannot read stack with file format reader version {}. Need >= {}.",
                internal::kReaderVersion, minimum_reader_version);
   }
+  const std::string* chunk_index =
+      record ? record->find(internal::RecordKey::chunk_index) : nullptr;
+  // Chunk frames without their index (the record was lost) are walked instead. Plain data of
+  // exactly the elements' length is never taken for frames, nor is a zlib stream, whose first
+  // byte differs from the frame magic's.
+  const bool unindexed_frames =
+      chunk_index == nullptr && header.data_length != 0 &&
+      (header.compression != 0 || elements * element_size != header.data_length) &&
+      internal::has_magic_at(file, data_position, data_position + header.data_length,
+                             internal::kChunkMagic);
   // Plain data is exactly the elements; a reader that accepted any other length would read
   // bytes that belong to something else.
-  if (header.compression == 0 && header.data_length != 0 &&
-      (elements > std::numeric_limits<std::uint64_t>::max() / element_size ||
-       elements * element_size != header.data_length)) {
+  if (header.compression == 0 && chunk_index == nullptr && !unindexed_frames &&
+      header.data_length != 0 && elements * element_size != header.data_length) {
     throw_tarn("Stack data length does not match its shape.");
   }
   if (record) {
@@ -448,18 +656,37 @@ std::shared_ptr<StackImp> StackImp::read_from(StackHost& host, std::uint64_t pos
     }
   }
 
-  stack->position_ = position;
-  stack->format_version_ = header.version;
   stack->minimum_reader_version_ = minimum_reader_version;
-  stack->compression_ = static_cast<Compression>(header.compression);
-  stack->compression_level_ = header.compression_level;
   stack->no_data_ = header.data_length == 0;
   stack->data_length_ = header.data_length;
-  stack->next_position_ = header.next_stack;
   stack->samples_written_ = stack->no_data_ ? 0 : elements;
-  stack->state_ = State::committed;
   stack->lock();
-  if (stack->compression_ == Compression::none && !stack->no_data_) {
+  if (stack->no_data_) return stack;
+  if (chunk_index != nullptr || unindexed_frames) {
+    const internal::ChunkLayout layout{element_size, 1, zlib};
+    auto segment =
+        chunk_index != nullptr
+            ? internal::ChunkedSegment::from_index(file, data_position, header.data_length,
+                                                   elements, *chunk_index, layout)
+            : internal::ChunkedSegment::from_frames(
+                  file, data_position, data_position + header.data_length, elements, layout);
+    if (segment->committed_samples() != elements ||
+        segment->end_position() != data_position + header.data_length) {
+      throw_tarn("Damaged chunk index: the chunks hold {} of the stack's {} samples.",
+                 segment->committed_samples(), elements);
+    }
+    stack->chunk_samples_ = segment->chunks().empty() ? 0 : segment->chunks().front().samples;
+    stack->segment_ = std::move(segment);
+  } else if (zlib) {
+    std::vector<FlushPoint> points;
+    if (const std::string* index =
+            record ? record->find(internal::RecordKey::flush_index) : nullptr) {
+      points = internal::decode_flush_index(*index, elements * element_size, header.data_length);
+    }
+    stack->segment_ = std::make_unique<internal::ZlibSegment>(
+        file, data_position, header.data_length, elements * element_size, std::move(points),
+        zlib->threading);
+  } else {
     stack->segment_ =
         std::make_unique<internal::PlainSegment>(file, data_position, header.data_length);
   }
@@ -481,12 +708,12 @@ std::uint64_t StackImp::read(std::uint64_t first, std::uint64_t count, void* buf
   if (first > total || count > total - first) {
     throw std::invalid_argument("Requested samples lie beyond the end of the stack.");
   }
+  if (first + count > samples_written_) {
+    throw std::invalid_argument("Requested samples have not been written yet.");
+  }
   const DataType stack_type = type();
   buffer_type = checked_buffer_type(stack_type, buffer_type, imag != nullptr, Direction::read);
   const bool convert = buffer_type != stack_type || imag != nullptr;
-  if (compression_ != Compression::none) {
-    throw std::runtime_error("zlib-compressed stacks cannot be read yet.");
-  }
   if (count > 0 && buffer == nullptr) throw std::invalid_argument("Null buffer passed to read().");
 
   const std::size_t element_size = tarn_dt_get_size(stack_type);
@@ -522,6 +749,37 @@ std::uint64_t StackImp::read(std::uint64_t first, std::uint64_t count, void* buf
   }
   const std::uint64_t next = first + count;
   return next == total ? kNpos : next;
+}
+
+namespace {
+
+internal::ZlibSegment& flush_block_segment(StackImp::State state, internal::DataSegment* segment) {
+  auto* zlib = dynamic_cast<internal::ZlibSegment*>(segment);
+  if (state != StackImp::State::committed || zlib == nullptr || zlib->flush_points().empty()) {
+    throw std::runtime_error("No flush blocks available");
+  }
+  return *zlib;
+}
+
+}  // namespace
+
+const std::vector<FlushPoint>& StackImp::flush_points() const {
+  host();
+  return flush_block_segment(state_, segment_.get()).flush_points();
+}
+
+std::vector<std::byte> StackImp::read_flush_blocks(std::uint64_t begin, std::uint64_t end) {
+  host();
+  return flush_block_segment(state_, segment_.get()).read_flush_blocks(begin, end);
+}
+
+void StackImp::verify() {
+  host();
+  if (state_ != State::committed) {
+    throw std::runtime_error("Stack not committed to disk. Cannot read.");
+  }
+  if (auto* zlib = dynamic_cast<internal::ZlibSegment*>(segment_.get())) zlib->verify();
+  if (auto* chunked = dynamic_cast<internal::ChunkedSegment*>(segment_.get())) chunked->verify();
 }
 
 }  // namespace Tarn::bf

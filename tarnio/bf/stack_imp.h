@@ -6,20 +6,26 @@
 // on disk, written once front to back, committed, and read back in any order afterwards.
 //
 // Lifecycle of a new stack:
-//   describe   set the info, set_type() if it was created without one, set_compression(),
-//              set_no_data() for a stack that only describes; nothing is on disk yet.
-//   write      the first write() puts the 368-byte header, the name and the description on
-//              disk and links the stack into the file's chain; from then on the info is locked
-//              (tags excepted). Each write() appends whole samples, converted from the buffer's
-//              element type when it differs.
+//   describe   set the info, set_type() if it was created without one, set_compression(), the
+//              write flags (set_no_data, set_chunk_wise, set_variable_last_dimension), the
+//              flush block size; nothing is on disk yet. reserve_space() may follow.
+//   write      the first write() (or reserve_space()) puts the 368-byte header, the name and the
+//              description on disk and links the stack into the file's chain; from then on the
+//              info is locked (tags excepted). Each write() appends whole samples, converted from
+//              the buffer's element type when it differs.
 //   commit     after the last sample: patches the data length, and writes the stack record
-//              (minimum reader version, the whole info, tags included) behind the data.
+//              (minimum reader version, the whole info, tags included, and the flush and chunk
+//              indices) behind the data.
 //   read       any range of samples of a committed stack, converted into the buffer's type.
 // A stack without data (set_no_data, or 0 elements) is written at commit, header and record.
 //
-// Only one stack of a file is written at a time. A stack that failed or was cancelled is
-// dropped from the file's chain when the file closes, so the file stays readable up to the last
-// committed stack.
+// Data is stored plain, or as one zlib stream (set_compression) that any inflater reads, with a
+// full flush every flush block so that a read inflates only the blocks it needs, on the file's
+// threads (FileInterface::set_threading_support). A chunk-wise written stack stores its data in
+// chunks that are readable as soon as each is complete, from another process too
+// (Tarn::open_unfinished_file), and survive a writer that dies; a stack whose last dimension is
+// variable grows chunk by chunk for as long as its writer writes, and its committed shape is
+// what was written.
 //
 // Errors: misuse is a std::runtime_error with the sentences of the lifecycle ("Stack is already
 // complete. Invalid call to write().", "Not on sample boundary.", "Stack not committed to disk.
@@ -37,6 +43,7 @@
 
 #include "tarnio/arrays/data_type.h"
 #include "tarnio/arrays/stack_info_imp.h"
+#include "tarnio/bf/flush_point.h"
 #include "tarnio/export.h"
 
 namespace Tarn::bf {
@@ -75,6 +82,11 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
   // set data layout.", "Cannot read stack with file format reader version 7. Need >= {}." and
   // the disk file's errors for a damaged or truncated stack.
   static std::shared_ptr<StackImp> read_from(StackHost& host, std::uint64_t position);
+  // As read_from for a file whose writer is still at work or died: a stack whose data length is
+  // still 0 is returned when it is written chunk-wise, with the chunks committed so far (a
+  // variable last dimension counts the whole slices among them), and is null otherwise (it
+  // holds nothing that could be read).
+  static std::shared_ptr<StackImp> read_unfinished_from(StackHost& host, std::uint64_t position);
 
   State state() const { return state_; }
   bool is_committed() const { return state_ == State::committed; }
@@ -88,9 +100,39 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
   void set_compression(Compression type, std::uint32_t level = 6);
   Compression compression() const { return compression_; }
   std::uint32_t compression_level() const { return compression_level_; }
+  // Plain bytes between two flush points of compressed data (by default the file's block size,
+  // 4 MiB). Throws std::runtime_error "Flush block size can only be set before starting to
+  // write." once writing began, std::invalid_argument for 0.
+  void set_flush_block_size(std::uint64_t bytes);
+  std::uint64_t flush_block_size() const;
+
+  // Write flags; each throws std::runtime_error "Invalid attempt to change write flags." once
+  // writing began.
   // A stack without data describes only; it takes no write() and is stored with data flag 0.
   void set_no_data(bool no_data);
   bool has_data() const;
+  // Writes the data in chunks of `chunk_samples` samples (0: the default chunk, one slice of the
+  // last dimension), each committed to the file when complete. Throws std::runtime_error
+  // "Custom varsize chunk size must be multiple of default chunk size" for a chunk of partial
+  // slices, std::invalid_argument for a stack of rank 0.
+  void set_chunk_wise(bool chunk_wise, std::uint64_t chunk_samples = 0);
+  bool is_chunk_wise() const { return chunk_samples_ != 0; }
+  std::uint64_t chunk_samples() const { return chunk_samples_; }
+  // The last dimension grows with every slice written, without limit: the stack is written
+  // chunk-wise (default chunks unless set_chunk_wise chose others), its last size at creation
+  // does not matter, and commit() makes the slices written its size. Throws
+  // std::invalid_argument for a stack of rank 0.
+  void set_variable_last_dimension(bool variable);
+  bool has_variable_last_dimension() const { return variable_; }
+
+  // Fixes the file's layout before the data arrives: puts the header on disk (as the first
+  // write() would) and reserves the data's full plain length behind it, which stays sparse
+  // until written; a compressed stack leaves the unused rest as a gap that compaction removes.
+  // Refused with std::runtime_error "Cannot reserve space: ..." (complete; in an invalid state:
+  // failed or writing began; the last dimension is variable sized; created as data less; data
+  // type not (yet) determined) and "Invalid attempt to reserve space: Stack is written chunk
+  // wise.".
+  void reserve_space();
   void set_progress_callback(ProgressCallback callback);
 
   // Appends `bytes` bytes of samples of `buffer_type` (none: the stack's type). With `imag`,
@@ -124,6 +166,25 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
     return read(first, samples.size(), samples.data(), arrays::data_type_of<T>());
   }
 
+  // The flush points of a compressed stack's data. Throws std::runtime_error "No flush blocks
+  // available" for plain, chunk-wise and not yet committed stacks and for streams stored
+  // without an index.
+  const std::vector<FlushPoint>& flush_points() const;
+  // The stored bytes of plain bytes [begin, end) of a committed compressed stack, as raw deflate
+  // runs (see internal/zlib_segment.h). Throws "No flush blocks available" as flush_points()
+  // and "Requested range is not flush point aligned, empty or has not yet been written" unless
+  // begin < end are flush points.
+  std::vector<std::byte> read_flush_blocks(std::uint64_t begin, std::uint64_t end);
+  // Reads every stored byte of a committed stack and checks it: each zlib stream inflates to
+  // what its index says, with the right adler32; chunk frames agree with the chunk index.
+  // Throws TarnError at the first fault.
+  void verify();
+  // Samples a reader can have: all of a committed stack, those of the committed chunks of a
+  // stack opened while (or after) its writer was at work (Tarn::open_unfinished_file).
+  std::uint64_t samples_available() const { return samples_written_; }
+  // Whether the stack was read from a file that was not finished and is incomplete itself.
+  bool is_unfinished() const { return unfinished_; }
+
   // Where the stack lies in its file.
   std::uint64_t position() const { return position_; }
   std::uint64_t data_position() const;
@@ -151,6 +212,14 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
   void begin_writing(StackHost& file);
   // Marks the stack failed and ends its file's claim on it.
   void fail() noexcept;
+  // The segment that stores this stack's data as it is written.
+  std::unique_ptr<internal::DataSegment> new_segment(StackHost& file) const;
+  // Elements of all dimensions but the last: one slice, the default chunk.
+  std::uint64_t slice_elements() const;
+  // The samples write() still accepts.
+  std::uint64_t samples_left() const;
+  static std::shared_ptr<StackImp> read_stack(StackHost& host, std::uint64_t position,
+                                              bool unfinished);
 
   StackHost* host_;
   std::unique_ptr<internal::DataSegment> segment_;
@@ -159,6 +228,10 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
   Compression compression_ = Compression::none;
   std::uint32_t compression_level_ = 0;
   bool no_data_ = false;
+  bool variable_ = false;
+  bool unfinished_ = false;
+  std::uint64_t chunk_samples_ = 0;
+  std::uint64_t flush_block_size_ = 0;
   std::uint32_t format_version_;
   std::uint32_t minimum_reader_version_;
   std::uint64_t position_ = 0;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <string>
 
 #include "tarnio/bf/internal/byte_order.h"
 #include "tarnio/errors/internal/raise.h"
@@ -44,6 +45,15 @@ void patch_u64(DiskFileAccess& file, std::uint64_t position, std::uint64_t value
   seek_exactly(file, position);
   file.write(bytes.data(), bytes.size());
   seek_exactly(file, here);
+}
+
+bool has_magic_at(DiskFileAccess& file, std::uint64_t position, std::uint64_t limit,
+                  std::string_view magic) {
+  if (position > limit || limit - position < magic.size()) return false;
+  seek_exactly(file, position);
+  std::string bytes(magic.size(), '\0');
+  file.read(bytes.data(), bytes.size());
+  return bytes == magic;
 }
 
 }  // namespace Tarn::bf::internal

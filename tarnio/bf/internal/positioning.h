@@ -5,6 +5,7 @@
 // Stateless; each works on the DiskFileAccess it is given.
 
 #include <cstdint>
+#include <string_view>
 
 #include "tarnio/bf/disk_file_access.h"
 
@@ -22,5 +23,10 @@ std::uint64_t file_size(DiskFileAccess& file);
 std::uint64_t bytes_left(DiskFileAccess& file);
 // Writes `value` as 8 little-endian bytes at `position` and moves back to where the file was.
 void patch_u64(DiskFileAccess& file, std::uint64_t position, std::uint64_t value);
+// Whether the bytes at `position` are `magic`, which must end at `limit` (the file's size) at
+// the latest. Leaves the file position behind the bytes compared, or where it was when they
+// do not fit.
+bool has_magic_at(DiskFileAccess& file, std::uint64_t position, std::uint64_t limit,
+                  std::string_view magic);
 
 }  // namespace Tarn::bf::internal
