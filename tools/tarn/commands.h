@@ -9,6 +9,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <string>
+
+#include "tarnio/bf/file_rewrite.h"
 
 namespace Tarn::bf {
 class StackImp;
@@ -27,10 +30,28 @@ void add_read_command(CLI::App& app);
 void add_meta_command(CLI::App& app);
 void add_verify_command(CLI::App& app);
 void add_demo_command(CLI::App& app);
+void add_recover_command(CLI::App& app);
+void add_compact_command(CLI::App& app);
 
 // The bytes each command moves per call when it streams stack data: the library's own block
 // size. Blocks of 16 MiB were measurably slower, as each one leaves the CPU caches.
 inline constexpr std::size_t kTransferBlock = std::size_t{4} << 20;
+
+// Adds --compression (none, zlib or zlib:LEVEL with a level from 0 to 9) to `command`,
+// stored as text in `text`; parse_compression then reads it.
+CLI::Option* add_compression_option(CLI::App& command, std::string& text,
+                                    const std::string& description);
+// The compression of a text that add_compression_option accepted; zlib alone is level 6.
+// Throws std::invalid_argument for other text.
+Tarn::bf::StackCompression parse_compression(const std::string& text);
+
+// Runs `write` on a temporary file beside `target` (the file a symbolic link names) and renames
+// it to `target` once `write` returned, so that a failure or an interruption never leaves a
+// file that passes for complete: the temporary file is removed and `target` stays as it was.
+// A replaced `target` gets the permissions of a new file. Throws std::runtime_error "Could not
+// create '{}': {}" when the rename fails, and what `write` throws.
+void replace_file(const std::filesystem::path& target,
+                  const std::function<void(const std::filesystem::path&)>& write);
 
 // Prints what `tarn info` prints for the TBF file at `path`. Throws as Tarn::open_file does.
 void print_info(const std::filesystem::path& path, bool json);

@@ -63,9 +63,21 @@ std::string shape_text(const std::vector<std::uint64_t>& shape) {
   return shape.empty() ? std::string("-") : fmt::format("{}", fmt::join(shape, "x"));
 }
 
+// The stored bytes per plain byte of a stack's data; 0 without data.
+double stored_ratio(const Tarn::bf::StackImp& stack) {
+  const double plain = static_cast<double>(stack.samples_available()) *
+                       static_cast<double>(tarn_dt_get_size(stack.type()));
+  return plain > 0 ? static_cast<double>(stack.data_length()) / plain : 0.0;
+}
+
+// "none" or "zlib:LEVEL" with the share of the plain size that the data takes on disk.
 std::string compression_text(const Tarn::bf::StackImp& stack) {
   if (stack.compression() == Tarn::bf::StackImp::Compression::none) return "none";
-  return fmt::format("zlib:{}", stack.compression_level());
+  return fmt::format("zlib:{} ({:.1f} %)", stack.compression_level(), 100.0 * stored_ratio(stack));
+}
+
+std::string chunk_text(const Tarn::bf::StackImp& stack) {
+  return stack.is_chunk_wise() ? fmt::format("{} samples", stack.chunk_samples()) : "-";
 }
 
 std::string size_text(std::uint64_t bytes) {
@@ -113,12 +125,12 @@ std::string info_table(const Tarn::bf::FileInterface& file) {
   });
   if (file.number_of_stacks() == 0) return out;
   std::vector<std::vector<std::string>> rows{
-      {"index", "name", "type", "shape", "compression", "data size"}};
+      {"index", "name", "type", "shape", "compression", "chunks", "data size"}};
   for (std::size_t i = 0; i < file.number_of_stacks(); ++i) {
     const auto stack = file.stack(i);
     rows.push_back({std::to_string(i), clean_text(stack->name(), true),
                     tarn_dt_get_name(stack->type()), shape_text(stack->shape()),
-                    compression_text(*stack), size_text(stack->data_length())});
+                    compression_text(*stack), chunk_text(*stack), size_text(stack->data_length())});
   }
   return out + "\n" + aligned(rows);
 }
@@ -144,6 +156,8 @@ JSON::Value stack_json(const Tarn::bf::StackImp& stack, std::size_t index) {
       {"offsets", json_list(stack.offsets())},
       {"compression", zlib ? "zlib" : "none"},
       {"compression_level", stack.compression_level()},
+      {"stored_ratio", stored_ratio(stack)},
+      {"chunk_samples", stack.chunk_samples()},
       {"data_length", stack.data_length()},
       {"next", stack.next_position()},
   });

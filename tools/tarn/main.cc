@@ -60,6 +60,8 @@ int main(int argc, char** argv) {
   tarn::add_meta_command(app);
   tarn::add_verify_command(app);
   tarn::add_demo_command(app);
+  tarn::add_recover_command(app);
+  tarn::add_compact_command(app);
   std::signal(SIGPIPE, SIG_IGN);
 
   try {

@@ -46,26 +46,6 @@ struct WriteOptions {
   std::string file_description;
 };
 
-// "none", "zlib" or "zlib:LEVEL" with a level from 0 to 9; false for anything else.
-bool parse_compression(const std::string& text, StackImp::Compression& type, std::uint32_t& level) {
-  if (text == "none") {
-    type = StackImp::Compression::none;
-    level = 0;
-    return true;
-  }
-  if (text == "zlib") {
-    type = StackImp::Compression::zlib;
-    level = 6;
-    return true;
-  }
-  if (text.size() == 6 && text.starts_with("zlib:") && text[5] >= '0' && text[5] <= '9') {
-    type = StackImp::Compression::zlib;
-    level = static_cast<std::uint32_t>(text[5] - '0');
-    return true;
-  }
-  return false;
-}
-
 // The input descriptor, closed at the end unless it is standard input.
 class Input {
  public:
@@ -101,17 +81,6 @@ class Input {
  private:
   int fd_ = STDIN_FILENO;
 };
-
-// A name beside `target` that nothing uses yet.
-fs::path temporary_beside(const fs::path& target) {
-  const fs::path directory = target.parent_path();
-  for (unsigned attempt = 0;; ++attempt) {
-    fs::path candidate =
-        directory / fmt::format(".{}.tarn-{}-{}", target.filename().string(), ::getpid(), attempt);
-    std::error_code ignored;
-    if (!fs::exists(fs::symlink_status(candidate, ignored))) return candidate;
-  }
-}
 
 // Streams the input into the stack in blocks, passing whole samples and carrying a partial
 // one over to the next block.
@@ -154,9 +123,7 @@ void copy_samples(Input& input, StackImp& stack, std::size_t sample) {
 }
 
 void write_stack(Tarn::bf::FileInterface& file, const WriteOptions& options, Input& input) {
-  StackImp::Compression compression = StackImp::Compression::none;
-  std::uint32_t level = 0;
-  parse_compression(options.compression, compression, level);
+  const Tarn::bf::StackCompression compression = parse_compression(options.compression);
   if (options.threads > 0) {
     file.set_threading_support({options.threads, {}});
   }
@@ -165,7 +132,7 @@ void write_stack(Tarn::bf::FileInterface& file, const WriteOptions& options, Inp
   const auto stack = file.add_stack(type, options.shape);
   stack->set_name(options.name);
   stack->set_description(options.description);
-  if (compression != StackImp::Compression::none) stack->set_compression(compression, level);
+  stack->set_compression(compression.type, compression.level);
   copy_samples(input, *stack, tarn_dt_get_size(type));
   stack->commit();
   file.close();
@@ -185,24 +152,11 @@ void run_write(const WriteOptions& options) {
     write_stack(*file, options, input);
     return;
   }
-  // A symbolic link keeps pointing at the file it names.
-  const fs::path target = fs::is_symlink(out, ignored) ? fs::weakly_canonical(out) : out;
-  const fs::path temporary = temporary_beside(target);
-  try {
-    {
-      const auto file = Tarn::create_file();
-      file->open(temporary, Tarn::bf::DiskFile::Mode::write);
-      write_stack(*file, options, input);
-    }
-    fs::rename(temporary, target);
-  } catch (const fs::filesystem_error& error) {
-    fs::remove(temporary, ignored);
-    throw std::runtime_error(
-        fmt::format("Could not create '{}': {}", options.out, error.code().message()));
-  } catch (...) {
-    fs::remove(temporary, ignored);
-    throw;
-  }
+  replace_file(out, [&](const fs::path& temporary) {
+    const auto file = Tarn::create_file();
+    file->open(temporary, Tarn::bf::DiskFile::Mode::write);
+    write_stack(*file, options, input);
+  });
 }
 
 }  // namespace
@@ -236,17 +190,8 @@ void add_write_command(CLI::App& app) {
       ->check(CLI::NonNegativeNumber);
   command->add_option("--name", options->name, "The stack's name");
   command->add_option("--description", options->description, "The stack's description");
-  command
-      ->add_option("--compression", options->compression,
-                   "none (the default), zlib or zlib:LEVEL with a level from 0 to 9")
-      ->check(CLI::Validator(
-          [](std::string& text) -> std::string {
-            StackImp::Compression type{};
-            std::uint32_t level = 0;
-            return parse_compression(text, type, level) ? std::string()
-                                                        : "expected none, zlib or zlib:0 to zlib:9";
-          },
-          "none|zlib[:LEVEL]"));
+  add_compression_option(*command, options->compression,
+                         "none (the default), zlib or zlib:LEVEL with a level from 0 to 9");
   command
       ->add_option("--threads", options->threads,
                    "Threads for compressing the data (the file's thread count)")

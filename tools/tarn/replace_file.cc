@@ -1,0 +1,50 @@
+// Files that the tarn commands create whole: written under a temporary name, renamed when done.
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <system_error>
+
+#include "tools/tarn/commands.h"
+
+namespace tarn {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A name beside `target` that nothing uses yet.
+fs::path temporary_beside(const fs::path& target) {
+  const fs::path directory = target.parent_path();
+  for (unsigned attempt = 0;; ++attempt) {
+    fs::path candidate =
+        directory / fmt::format(".{}.tarn-{}-{}", target.filename().string(), ::getpid(), attempt);
+    std::error_code ignored;
+    if (!fs::exists(fs::symlink_status(candidate, ignored))) return candidate;
+  }
+}
+
+}  // namespace
+
+void replace_file(const fs::path& target, const std::function<void(const fs::path&)>& write) {
+  std::error_code ignored;
+  // A symbolic link keeps pointing at the file it names.
+  const fs::path file = fs::is_symlink(target, ignored) ? fs::weakly_canonical(target) : target;
+  const fs::path temporary = temporary_beside(file);
+  try {
+    write(temporary);
+    fs::rename(temporary, file);
+  } catch (const fs::filesystem_error& error) {
+    fs::remove(temporary, ignored);
+    throw std::runtime_error(
+        fmt::format("Could not create '{}': {}", target.string(), error.code().message()));
+  } catch (...) {
+    fs::remove(temporary, ignored);
+    throw;
+  }
+}
+
+}  // namespace tarn
