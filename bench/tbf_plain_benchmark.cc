@@ -10,8 +10,8 @@
 //     read_calls are what the library moved for one plane (from /proc/self/io): the plane's
 //     bytes and nothing else, in as few calls as its blocks need.
 // heap_MiB is the most heap the library held at once during a call beyond what was held before
-// it (the caller's buffer), counted by the operator new below; x_heap relates it to its limit
-// of 16 MiB.
+// it (the caller's buffer), counted by the operator new below (heap_watch.h); x_heap relates it
+// to its limit of 16 MiB.
 //
 // Timing is wall-clock time (manual time), not CPU time: waiting for the disk is part of the
 // cost. Each iteration times both sides, in alternating order, so that both see the same state
@@ -29,8 +29,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -41,21 +39,22 @@
 #include <random>
 #include <span>
 #include <string>
-#include <system_error>
 #include <vector>
 
+#include "bench/bench_files.h"
 #include "bench/bench_timing.h"
+#include "bench/heap_watch.h"
 #include "tarnio/arrays/data_type.h"
 #include "tarnio/bf/disk_file.h"
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/bf/stack_imp.h"
 
+namespace tarnio_bench {
 namespace {
 
 namespace fs = std::filesystem;
 namespace dt = Tarn::dt;
 using Mode = Tarn::bf::DiskFile::Mode;
-using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kBlockBytes = std::uint64_t{4} << 20;
 constexpr std::uint64_t kSide = 4096;
@@ -70,42 +69,9 @@ constexpr std::uint64_t kPlaneBytes = kPlaneSamples * sizeof(std::uint16_t);
 constexpr double kHeapLimitBytes = 16.0 * 1024 * 1024;
 constexpr double kMiB = 1024.0 * 1024.0;
 
-// Heap bytes held now and the most held since the last reset, kept by the operator new below.
-std::atomic<std::int64_t> heap_live{0};
-std::atomic<std::int64_t> heap_peak{0};
-
-// The most heap bytes held during its life beyond those held at its start.
-class HeapWatch {
- public:
-  HeapWatch() : base_(heap_live.load()) { heap_peak.store(base_); }
-  double extra_bytes() const { return static_cast<double>(heap_peak.load() - base_); }
-
- private:
-  std::int64_t base_;
-};
-
-fs::path bench_dir() {
-  const char* dir = std::getenv("TARNIO_BENCH_DIR");
-  return dir != nullptr && *dir != '\0' ? fs::path(dir) : fs::current_path();
-}
-
 bool sync_mode() {
   const char* sync = std::getenv("TARNIO_BENCH_SYNC");
   return sync != nullptr && std::string(sync) == "1";
-}
-
-fs::path bench_file(const char* name) {
-  return bench_dir() /
-         (std::string("tarnio_tbf_plain_benchmark.") + std::to_string(::getpid()) + "." + name);
-}
-
-void remove_file(const fs::path& path) {
-  std::error_code ignored;
-  fs::remove(path, ignored);
-}
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 // Counts of the process's read and write calls and their bytes, from /proc/self/io.
@@ -149,27 +115,6 @@ IoCounts io_of(Body body) {
           delta(&IoCounts::syscw)};
 }
 
-int open_or_throw(const fs::path& path, int flags) {
-  const int fd = ::open(path.c_str(), flags | O_CLOEXEC, 0644);
-  if (fd < 0) throw std::system_error(errno, std::generic_category(), path.string());
-  return fd;
-}
-
-// Makes the file's data durable (timed, as part of a write); evict_file also drops it from the
-// page cache (untimed, before a read with TARNIO_BENCH_SYNC=1).
-void sync_file(const fs::path& path) {
-  const int fd = open_or_throw(path, O_RDONLY);
-  ::fsync(fd);
-  ::close(fd);
-}
-
-void evict_file(const fs::path& path) {
-  const int fd = open_or_throw(path, O_RDONLY);
-  ::fsync(fd);
-  ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-  ::close(fd);
-}
-
 const std::vector<std::uint16_t>& samples() {
   static const std::vector<std::uint16_t> values = [] {
     std::vector<std::uint16_t> v(kStackSamples);
@@ -180,32 +125,13 @@ const std::vector<std::uint16_t>& samples() {
   return values;
 }
 
-// The destination of the reads, its pages touched once before any timing.
-std::vector<std::uint16_t>& destination() {
-  static std::vector<std::uint16_t> values(kStackSamples, 1);
-  return values;
-}
-
+// The loop the library is held against: 4 MiB blocks, the write made durable by the caller.
 void plain_write(const fs::path& path, std::span<const std::uint16_t> data) {
-  const int fd = open_or_throw(path, O_WRONLY | O_CREAT | O_TRUNC);
-  const auto* bytes = reinterpret_cast<const char*>(data.data());
-  for (std::uint64_t at = 0; at < data.size_bytes();) {
-    const ssize_t n = ::write(fd, bytes + at, std::min(kBlockBytes, data.size_bytes() - at));
-    if (n <= 0) throw std::system_error(errno, std::generic_category(), "write");
-    at += static_cast<std::uint64_t>(n);
-  }
-  if (::close(fd) != 0) throw std::system_error(errno, std::generic_category(), "close");
+  write_file(path, std::as_bytes(data), kBlockBytes);
 }
 
 void plain_read(const fs::path& path, std::span<std::uint16_t> data) {
-  const int fd = open_or_throw(path, O_RDONLY);
-  auto* bytes = reinterpret_cast<char*>(data.data());
-  for (std::uint64_t at = 0; at < data.size_bytes();) {
-    const ssize_t n = ::read(fd, bytes + at, std::min(kBlockBytes, data.size_bytes() - at));
-    if (n <= 0) throw std::system_error(errno, std::generic_category(), "read");
-    at += static_cast<std::uint64_t>(n);
-  }
-  ::close(fd);
+  read_file(path, std::as_writable_bytes(data), kBlockBytes);
 }
 
 void library_write(const fs::path& path, std::span<const std::uint16_t> data,
@@ -235,6 +161,16 @@ struct Tally {
   double calls = 0;
   double bytes = 0;
 
+  // Runs one library call `body`: sets `seconds` to its wall-clock time, keeps its heap if that is
+  // the most yet, and returns the /proc/self/io counts it caused.
+  template <class Body>
+  IoCounts library_call(double& seconds, Body body) {
+    const HeapWatch heap;
+    const IoCounts io = io_of([&] { seconds = wall_seconds(body); });
+    heap_bytes = std::max(heap_bytes, heap.extra_bytes());
+    return io;
+  }
+
   void report(benchmark::State& state, const char* ratio_name) const {
     const auto n = static_cast<double>(state.iterations());
     state.counters[ratio_name] = library_seconds / plain_seconds;
@@ -246,20 +182,6 @@ struct Tally {
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
   }
 };
-
-// Runs both sides of one iteration, the one that went first last time second, so that neither
-// always meets the state the other left behind.
-template <class Plain, class Library>
-void run_both(bool& plain_first, Plain plain_side, Library library_side) {
-  if (plain_first) {
-    plain_side();
-    library_side();
-  } else {
-    library_side();
-    plain_side();
-  }
-  plain_first = !plain_first;
-}
 
 void BM_Write(benchmark::State& state) {
   const fs::path plain_path = bench_file("plain_write.raw");
@@ -273,19 +195,15 @@ void BM_Write(benchmark::State& state) {
     remove_file(library_path);
     double library_seconds = 0;
     const auto plain_side = [&] {
-      const auto start = Clock::now();
-      plain_write(plain_path, data);
-      sync_file(plain_path);
-      tally.plain_seconds += seconds_since(start);
+      tally.plain_seconds += wall_seconds([&] {
+        plain_write(plain_path, data);
+        sync_file(plain_path);
+      });
     };
     const auto library_side = [&] {
-      const HeapWatch heap;
-      const IoCounts io = io_of([&] {
-        const auto start = Clock::now();
+      const IoCounts io = tally.library_call(library_seconds, [&] {
         library_write(library_path, data, {kSide, kSide, kDepth});
-        library_seconds = seconds_since(start);
       });
-      tally.heap_bytes = std::max(tally.heap_bytes, heap.extra_bytes());
       tally.calls += io.syscw;
     };
     run_both(plain_first, plain_side, library_side);
@@ -301,7 +219,7 @@ void BM_Read(benchmark::State& state) {
   const fs::path plain_path = bench_file("plain_read.raw");
   const fs::path library_path = bench_file("library_read.tbf");
   const std::span<const std::uint16_t> data(samples());
-  const std::span<std::uint16_t> out(destination());
+  const std::span<std::uint16_t> out(destination<kStackSamples>());
   plain_write(plain_path, data);
   library_write(library_path, data, {kSide, kSide, kDepth});
   const bool sync = sync_mode();
@@ -313,19 +231,12 @@ void BM_Read(benchmark::State& state) {
     double library_seconds = 0;
     const auto plain_side = [&] {
       if (sync) evict_file(plain_path);
-      const auto start = Clock::now();
-      plain_read(plain_path, out);
-      tally.plain_seconds += seconds_since(start);
+      tally.plain_seconds += wall_seconds([&] { plain_read(plain_path, out); });
     };
     const auto library_side = [&] {
       if (sync) evict_file(library_path);
-      const HeapWatch heap;
-      const IoCounts io = io_of([&] {
-        const auto start = Clock::now();
-        library_read(library_path, out);
-        library_seconds = seconds_since(start);
-      });
-      tally.heap_bytes = std::max(tally.heap_bytes, heap.extra_bytes());
+      const IoCounts io =
+          tally.library_call(library_seconds, [&] { library_read(library_path, out); });
       tally.calls += io.syscr;
     };
     run_both(plain_first, plain_side, library_side);
@@ -364,7 +275,7 @@ void BM_Plane(benchmark::State& state) {
   const auto stack = file->stack(0);
   const int fd = open_or_throw(path, O_RDONLY);
   const auto plane_offset = static_cast<off_t>(stack->data_position() + kPlane * kPlaneBytes);
-  const std::span<std::uint16_t> out = std::span<std::uint16_t>(destination()).first(kPlaneSamples);
+  const std::span<std::uint16_t> out = destination<kStackSamples>().first(kPlaneSamples);
   std::vector<std::uint16_t> expected(kPlaneSamples);
   Tally tally;
   tally.bytes = static_cast<double>(kPlaneBytes);
@@ -374,22 +285,17 @@ void BM_Plane(benchmark::State& state) {
     double library_seconds = 0;
     const auto plain_side = [&] {
       if (sync) evict_file(path);
-      const auto start = Clock::now();
-      if (::pread(fd, expected.data(), kPlaneBytes, plane_offset) !=
-          static_cast<ssize_t>(kPlaneBytes)) {
-        state.SkipWithError("pread failed");
-      }
-      tally.plain_seconds += seconds_since(start);
+      tally.plain_seconds += wall_seconds([&] {
+        if (::pread(fd, expected.data(), kPlaneBytes, plane_offset) !=
+            static_cast<ssize_t>(kPlaneBytes)) {
+          state.SkipWithError("pread failed");
+        }
+      });
     };
     const auto library_side = [&] {
       if (sync) evict_file(path);
-      const HeapWatch heap;
-      const IoCounts io = io_of([&] {
-        const auto start = Clock::now();
-        stack->read(kPlane * kPlaneSamples, out);
-        library_seconds = seconds_since(start);
-      });
-      tally.heap_bytes = std::max(tally.heap_bytes, heap.extra_bytes());
+      const IoCounts io =
+          tally.library_call(library_seconds, [&] { stack->read(kPlane * kPlaneSamples, out); });
       tally.calls += io.syscr;
       read_bytes += io.rchar;
     };
@@ -411,45 +317,33 @@ void BM_Plane(benchmark::State& state) {
   remove_file(path);
 }
 
-}  // namespace
+// Registers the benchmarks, the data and the buffers filled before the first timing.
+void register_benchmarks() {
+  (void)samples();
+  (void)destination<kStackSamples>();
+  register_manual_time("write/uint16_4096x4096x8", BM_Write, 6);
+  register_manual_time("read/uint16_4096x4096x8", BM_Read, 6);
+  register_manual_time("read_plane_32/uint16_2048x2048x64", BM_Plane, 40);
+}
 
-// Counting replacements of the global allocation functions: the usable size of each block is
-// added on allocation and taken away on release. g++ sees free() meet a pointer that an operator
-// new returned and warns, not knowing that this operator new is malloc.
+}  // namespace
+}  // namespace tarnio_bench
+
+// Counting replacements of the global allocation functions (heap_watch.h). g++ sees free() meet
+// a pointer that an operator new returned and warns, not knowing that this operator new is malloc.
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void* operator new(std::size_t size) {
   void* p = std::malloc(size == 0 ? 1 : size);
   if (p == nullptr) throw std::bad_alloc();
-  const auto usable = static_cast<std::int64_t>(::malloc_usable_size(p));
-  const std::int64_t now = heap_live.fetch_add(usable, std::memory_order_relaxed) + usable;
-  std::int64_t peak = heap_peak.load(std::memory_order_relaxed);
-  while (now > peak && !heap_peak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
-  }
-  return p;
+  return tarnio_bench::count_allocation(p);
 }
 void operator delete(void* p) noexcept {
-  if (p == nullptr) return;
-  heap_live.fetch_sub(static_cast<std::int64_t>(::malloc_usable_size(p)),
-                      std::memory_order_relaxed);
+  tarnio_bench::count_release(p);
   std::free(p);
 }
 void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
 
 int main(int argc, char** argv) {
-  // The buffers are filled before the first timing.
-  (void)samples();
-  (void)destination();
-  benchmark::RegisterBenchmark("write/uint16_4096x4096x8", BM_Write)
-      ->UseManualTime()
-      ->Iterations(6)
-      ->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark("read/uint16_4096x4096x8", BM_Read)
-      ->UseManualTime()
-      ->Iterations(6)
-      ->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark("read_plane_32/uint16_2048x2048x64", BM_Plane)
-      ->UseManualTime()
-      ->Iterations(40)
-      ->Unit(benchmark::kMillisecond);
+  tarnio_bench::register_benchmarks();
   return tarnio_bench::run_benchmarks(argc, argv);
 }
