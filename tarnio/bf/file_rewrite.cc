@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <memory>
+#include <span>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
 
 #include "tarnio/arrays/data_type.h"
+#include "tarnio/arrays/shape.h"
 #include "tarnio/bf/file_imp.h"
 #include "tarnio/bf/internal/stack_info_json.h"
 
@@ -29,8 +31,7 @@ void refuse_same_file(const std::filesystem::path& in, const std::filesystem::pa
 std::vector<std::uint64_t> copied_shape(const StackImp& stack) {
   std::vector<std::uint64_t> shape = stack.shape();
   if (!stack.is_unfinished() || shape.empty()) return shape;
-  std::uint64_t slice = 1;
-  for (std::size_t axis = 0; axis + 1 < shape.size(); ++axis) slice *= shape[axis];
+  const std::uint64_t slice = arrays::number_of_elements(std::span(shape).first(shape.size() - 1));
   shape.back() = slice == 0 ? 0 : stack.samples_available() / slice;
   return shape;
 }

@@ -280,19 +280,20 @@ void StackImp::set_flush_block_size(std::uint64_t bytes) {
   flush_block_size_ = bytes;
 }
 
-void StackImp::set_no_data(bool no_data) {
+void StackImp::require_write_flags_open() const {
   host();
   if (state_ != State::describing) {
     throw std::runtime_error("Invalid attempt to change write flags.");
   }
+}
+
+void StackImp::set_no_data(bool no_data) {
+  require_write_flags_open();
   no_data_ = no_data;
 }
 
 void StackImp::set_chunk_wise(bool chunk_wise, std::uint64_t chunk_samples) {
-  host();
-  if (state_ != State::describing) {
-    throw std::runtime_error("Invalid attempt to change write flags.");
-  }
+  require_write_flags_open();
   if (shape().empty()) throw std::invalid_argument("A stack of rank 0 has no chunks.");
   const std::uint64_t slice = std::max<std::uint64_t>(slice_elements(), 1);
   if (chunk_wise && chunk_samples % slice != 0) {
@@ -304,10 +305,7 @@ void StackImp::set_chunk_wise(bool chunk_wise, std::uint64_t chunk_samples) {
 }
 
 void StackImp::set_variable_last_dimension(bool variable) {
-  host();
-  if (state_ != State::describing) {
-    throw std::runtime_error("Invalid attempt to change write flags.");
-  }
+  require_write_flags_open();
   if (shape().empty()) throw std::invalid_argument("A stack of rank 0 has no last dimension.");
   variable_ = variable;
   if (variable_ && !is_chunk_wise()) chunk_samples_ = std::max<std::uint64_t>(slice_elements(), 1);

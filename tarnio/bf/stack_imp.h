@@ -212,6 +212,9 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
   void begin_writing(StackHost& file);
   // Marks the stack failed and ends its file's claim on it.
   void fail() noexcept;
+  // Throws "Cannot access File_Stack, file has been closed." after close and "Invalid attempt
+  // to change write flags." once writing began.
+  void require_write_flags_open() const;
   // The segment that stores this stack's data as it is written.
   std::unique_ptr<internal::DataSegment> new_segment(StackHost& file) const;
   // Elements of all dimensions but the last: one slice, the default chunk.
