@@ -23,8 +23,8 @@
 namespace JSON {
 namespace {
 
-const std::string kSamples = "../shared/testdata/ome/samples/";
-const std::string kSchema = "../shared/testdata/ome/schema/2016-06/";
+const std::string kSamples = "tests/data/ome/samples/";
+const std::string kSchema = "tests/data/ome/schema/2016-06/";
 
 std::string read_text(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
