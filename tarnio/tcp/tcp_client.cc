@@ -1,0 +1,218 @@
+#include "tarnio/tcp/tcp_client.h"
+
+#include <algorithm>
+#include <array>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "tarnio/errors/internal/raise.h"
+
+namespace {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using Clock = std::chrono::steady_clock;
+using Tarn::errors::internal::throw_tarn;
+
+// The most read_line asks the system for at once.
+constexpr std::size_t kReadChunk = 64 * 1024;
+
+}  // namespace
+
+// The socket, the loop that drives it on the caller's thread, and the bytes received but not
+// yet returned as lines. Each operation starts asynchronously and runs the loop for at most its
+// timeout; an operation still pending then is cancelled by closing the socket.
+class TTcpClient::Connection {
+ public:
+  bool is_open() const { return socket_.is_open(); }
+
+  void close() {
+    boost::system::error_code ignored;
+    socket_.shutdown(tcp::socket::shutdown_both, ignored);
+    socket_.close(ignored);
+    received_.clear();
+    scanned_ = 0;
+  }
+
+  void connect(const Settings& settings) {
+    close();
+    const tcp::resolver::results_type endpoints = resolve(settings);
+    boost::system::error_code result = asio::error::would_block;
+    asio::async_connect(
+        socket_, endpoints,
+        [&](const boost::system::error_code& ec, const tcp::endpoint&) { result = ec; });
+    if (!run_for(settings.connect_timeout)) {
+      throw_tarn("Timed out after {} ms connecting to {}:{}.", settings.connect_timeout.count(),
+                 settings.host, settings.port);
+    }
+    if (result) {
+      close();
+      throw_tarn("Could not connect to {}:{}: {}", settings.host, settings.port, result.message());
+    }
+    // Commands are small and each waits for its answer: send them at once.
+    socket_.set_option(tcp::no_delay(true), result);
+  }
+
+  std::string read_line(const Settings& settings, std::chrono::milliseconds timeout) {
+    const std::string& terminator = settings.terminator;
+    const std::size_t limit = settings.max_line_length + terminator.size();
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+      const std::size_t end = received_.find(terminator, scanned_);
+      if (end != std::string::npos && end <= settings.max_line_length) {
+        std::string line = received_.substr(0, end);
+        received_.erase(0, end + terminator.size());
+        scanned_ = 0;
+        return line;
+      }
+      if (end != std::string::npos || received_.size() >= limit) {
+        close();
+        throw_tarn("Line longer than the maximum of {} bytes.", settings.max_line_length);
+      }
+      // A terminator may begin in the last bytes searched and end in the next chunk.
+      scanned_ = received_.size() - std::min(received_.size(), terminator.size() - 1);
+      receive(std::min(kReadChunk, limit - received_.size()), deadline, timeout);
+    }
+  }
+
+  void write(std::span<const asio::const_buffer> buffers, std::chrono::milliseconds timeout) {
+    const std::size_t size = asio::buffer_size(buffers);
+    boost::system::error_code result = asio::error::would_block;
+    asio::async_write(socket_, buffers,
+                      [&](const boost::system::error_code& ec, std::size_t) { result = ec; });
+    if (!run_for(timeout)) {
+      throw_tarn("Timed out after {} ms writing {} bytes.", timeout.count(), size);
+    }
+    if (result) {
+      close();
+      throw_tarn("Could not send {} bytes: {}", size, result.message());
+    }
+  }
+
+ private:
+  // A numeric address needs no lookup; a name is looked up before the connect timeout starts,
+  // as the system's resolver cannot be given a deadline without a thread of its own.
+  tcp::resolver::results_type resolve(const Settings& settings) {
+    boost::system::error_code ec;
+    const auto flags = tcp::resolver::numeric_service;
+    tcp::resolver resolver(io_);
+    auto endpoints = resolver.resolve(settings.host, std::to_string(settings.port), flags, ec);
+    if (ec) throw_tarn("Could not resolve '{}': {}", settings.host, ec.message());
+    return endpoints;
+  }
+
+  // Appends at most `most` bytes from the socket to received_.
+  void receive(std::size_t most, Clock::time_point deadline, std::chrono::milliseconds timeout) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    chunk_.resize(kReadChunk);
+    boost::system::error_code result = asio::error::would_block;
+    std::size_t got = 0;
+    socket_.async_read_some(asio::buffer(chunk_.data(), most),
+                            [&](const boost::system::error_code& ec, std::size_t n) {
+                              result = ec;
+                              got = n;
+                            });
+    if (left.count() <= 0 || !run_for(left)) {
+      close();
+      throw_tarn("Timed out after {} ms reading a line.", timeout.count());
+    }
+    if (result == asio::error::eof) {
+      const bool mid_line = !received_.empty();
+      close();
+      if (mid_line) throw_tarn("Connection closed by the peer in the middle of a line.");
+      throw_tarn("Connection closed by the peer.");
+    }
+    if (result) {
+      close();
+      throw_tarn("Could not receive: {}", result.message());
+    }
+    received_.append(chunk_.data(), got);
+  }
+
+  // Runs the loop until the started operation completed, or closes the socket and returns false
+  // once `timeout` passed.
+  bool run_for(std::chrono::milliseconds timeout) {
+    io_.restart();
+    io_.run_for(timeout);
+    if (io_.stopped()) return true;
+    close();
+    io_.run();  // lets the cancelled operation finish before its handler's locals go
+    return false;
+  }
+
+  asio::io_context io_{1};
+  tcp::socket socket_{io_};
+  std::string received_;
+  std::size_t scanned_ = 0;  // received_ holds no terminator before this offset
+  std::vector<char> chunk_;
+};
+
+TTcpClient::TTcpClient() : TTcpClient(Settings{}) {}
+
+TTcpClient::TTcpClient(Settings settings) : connection_(std::make_unique<Connection>()) {
+  configure(std::move(settings));
+}
+
+TTcpClient::TTcpClient(TTcpClient&&) noexcept = default;
+TTcpClient& TTcpClient::operator=(TTcpClient&&) noexcept = default;
+TTcpClient::~TTcpClient() = default;
+
+void TTcpClient::configure(Settings settings) {
+  if (settings.host.empty()) throw std::invalid_argument("Host name is empty.");
+  if (settings.terminator.empty()) throw std::invalid_argument("Line terminator is empty.");
+  if (settings.max_line_length == 0) throw std::invalid_argument("Maximum line length is 0.");
+  const std::chrono::milliseconds zero{0};
+  if (settings.connect_timeout < zero || settings.read_timeout < zero ||
+      settings.write_timeout < zero) {
+    throw std::invalid_argument("Timeout is negative.");
+  }
+  settings_ = std::move(settings);
+}
+
+const TTcpClient::Settings& TTcpClient::settings() const { return settings_; }
+
+void TTcpClient::connect() {
+  if (!connection_) connection_ = std::make_unique<Connection>();
+  connection_->connect(settings_);
+}
+
+bool TTcpClient::is_connected() const { return connection_ && connection_->is_open(); }
+
+void TTcpClient::disconnect() {
+  if (connection_) connection_->close();
+}
+
+std::string TTcpClient::read_line() { return read_line(settings_.read_timeout); }
+
+std::string TTcpClient::read_line(std::chrono::milliseconds timeout) {
+  if (!is_connected()) throw_tarn("Not connected.");
+  return connection_->read_line(settings_, timeout);
+}
+
+void TTcpClient::write_line(std::string_view line) {
+  if (line.find(settings_.terminator) != std::string_view::npos) {
+    throw std::invalid_argument("Line contains the terminator.");
+  }
+  if (!is_connected()) throw_tarn("Not connected.");
+  const std::array<asio::const_buffer, 2> buffers{asio::buffer(line),
+                                                  asio::buffer(settings_.terminator)};
+  connection_->write(buffers, settings_.write_timeout);
+}
+
+void TTcpClient::write_data(std::span<const std::byte> data) {
+  if (!is_connected()) throw_tarn("Not connected.");
+  const std::array<asio::const_buffer, 1> buffers{asio::const_buffer(data.data(), data.size())};
+  connection_->write(buffers, settings_.write_timeout);
+}
+
+void TTcpClient::write_data(std::string_view data) { write_data(std::as_bytes(std::span(data))); }
+
+std::string TTcpClient::query(std::string_view line) {
+  write_line(line);
+  return read_line();
+}
