@@ -178,12 +178,15 @@ std::byte* SharedBlock::data() const {
 std::size_t SharedBlock::size() const { return imp_->header->size; }
 
 SharedBlock::LockResult SharedBlock::lock() {
-  return shared_objects::internal::lock_robust_mutex(&imp_->header->mutex, imp_->name,
-                                                     std::nullopt);
+  pthread_mutex_t* mutex = &imp_->header->mutex;
+  const int rc = pthread_mutex_lock(mutex);
+  if (rc == 0) [[likely]]
+    return LockResult::locked;
+  return shared_objects::internal::lock_result(rc, mutex, imp_->name);
 }
 
 SharedBlock::LockResult SharedBlock::try_lock_for(std::chrono::milliseconds timeout) {
-  return shared_objects::internal::lock_robust_mutex(&imp_->header->mutex, imp_->name, timeout);
+  return shared_objects::internal::lock_robust_mutex_for(&imp_->header->mutex, imp_->name, timeout);
 }
 
 void SharedBlock::unlock() { pthread_mutex_unlock(&imp_->header->mutex); }

@@ -34,23 +34,26 @@ class Object {
   class Locked {
    public:
     Locked(Locked&& other) noexcept
-        : block_(std::exchange(other.block_, nullptr)), owner_died_(other.owner_died_) {}
+        : block_(std::exchange(other.block_, nullptr)),
+          value_(other.value_),
+          owner_died_(other.owner_died_) {}
     Locked& operator=(Locked&&) = delete;
     ~Locked() {
       if (block_ != nullptr) block_->unlock();
     }
 
-    T& operator*() const { return *value(); }
-    T* operator->() const { return value(); }
+    T& operator*() const { return *value_; }
+    T* operator->() const { return value_; }
     // True when the previous holder died holding the lock, perhaps half-way through a change.
     bool owner_died() const { return owner_died_; }
 
    private:
     friend class Object;
-    Locked(SharedBlock* block, bool owner_died) : block_(block), owner_died_(owner_died) {}
-    T* value() const { return reinterpret_cast<T*>(block_->data()); }
+    Locked(SharedBlock* block, bool owner_died)
+        : block_(block), value_(reinterpret_cast<T*>(block->data())), owner_died_(owner_died) {}
 
     SharedBlock* block_;
+    T* value_;
     bool owner_died_;
   };
 

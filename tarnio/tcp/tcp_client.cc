@@ -1,11 +1,9 @@
 #include "tarnio/tcp/tcp_client.h"
 
 #include <algorithm>
-#include <array>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/write.hpp>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -30,6 +28,8 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 class TTcpClient::Connection {
  public:
   bool is_open() const { return socket_.is_open(); }
+  // A buffer for write_line that keeps its room from line to line.
+  std::string& outgoing() { return outgoing_; }
 
   void close() {
     boost::system::error_code ignored;
@@ -56,6 +56,9 @@ class TTcpClient::Connection {
     }
     // Commands are small and each waits for its answer: send them at once.
     socket_.set_option(tcp::no_delay(true), result);
+    // Reads and writes go as far as they can at once and wait for the socket, with a deadline,
+    // only when it has nothing to give or no room.
+    socket_.non_blocking(true, result);
   }
 
   std::string read_line(const Settings& settings, std::chrono::milliseconds timeout) {
@@ -80,17 +83,24 @@ class TTcpClient::Connection {
     }
   }
 
-  void write(std::span<const asio::const_buffer> buffers, std::chrono::milliseconds timeout) {
-    const std::size_t size = asio::buffer_size(buffers);
-    boost::system::error_code result = asio::error::would_block;
-    asio::async_write(socket_, buffers,
-                      [&](const boost::system::error_code& ec, std::size_t) { result = ec; });
-    if (!run_for(timeout)) {
-      throw_tarn("Timed out after {} ms writing {} bytes.", timeout.count(), size);
-    }
-    if (result) {
-      close();
-      throw_tarn("Could not send {} bytes: {}", size, result.message());
+  // Sends all of `data` within `timeout`.
+  void write(std::span<const std::byte> data, std::chrono::milliseconds timeout) {
+    const std::size_t size = data.size();
+    const auto deadline = Clock::now() + timeout;
+    while (!data.empty()) {
+      boost::system::error_code ec;
+      const std::size_t sent = socket_.write_some(asio::buffer(data.data(), data.size()), ec);
+      if (ec == asio::error::would_block) {
+        if (!wait(tcp::socket::wait_write, deadline)) {
+          throw_tarn("Timed out after {} ms writing {} bytes.", timeout.count(), size);
+        }
+        continue;
+      }
+      if (ec) {
+        close();
+        throw_tarn("Could not send {} bytes: {}", size, ec.message());
+      }
+      data = data.subspan(sent);
     }
   }
 
@@ -106,32 +116,43 @@ class TTcpClient::Connection {
     return endpoints;
   }
 
-  // Appends at most `most` bytes from the socket to received_.
+  // Appends at most `most` bytes from the socket to received_. The socket is non-blocking: a
+  // read that finds nothing waits for the socket to become readable, until `deadline`.
   void receive(std::size_t most, Clock::time_point deadline, std::chrono::milliseconds timeout) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     chunk_.resize(kReadChunk);
-    boost::system::error_code result = asio::error::would_block;
-    std::size_t got = 0;
-    socket_.async_read_some(asio::buffer(chunk_.data(), most),
-                            [&](const boost::system::error_code& ec, std::size_t n) {
-                              result = ec;
-                              got = n;
-                            });
-    if (left.count() <= 0 || !run_for(left)) {
-      close();
-      throw_tarn("Timed out after {} ms reading a line.", timeout.count());
-    }
-    if (result == asio::error::eof) {
+    for (;;) {
+      boost::system::error_code ec;
+      const std::size_t got = socket_.read_some(asio::buffer(chunk_.data(), most), ec);
+      if (!ec) {
+        received_.append(chunk_.data(), got);
+        return;
+      }
+      if (ec == asio::error::would_block) {
+        if (!wait(tcp::socket::wait_read, deadline)) {
+          throw_tarn("Timed out after {} ms reading a line.", timeout.count());
+        }
+        continue;
+      }
       const bool mid_line = !received_.empty();
       close();
-      if (mid_line) throw_tarn("Connection closed by the peer in the middle of a line.");
-      throw_tarn("Connection closed by the peer.");
+      if (ec == asio::error::eof && mid_line) {
+        throw_tarn("Connection closed by the peer in the middle of a line.");
+      }
+      if (ec == asio::error::eof) throw_tarn("Connection closed by the peer.");
+      throw_tarn("Could not receive: {}", ec.message());
     }
-    if (result) {
+  }
+
+  // Waits until the socket is ready for `what` or `deadline` passed; on timeout closes the
+  // connection and returns false. Errors of the socket show in the read or write that follows.
+  bool wait(tcp::socket::wait_type what, Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) {
       close();
-      throw_tarn("Could not receive: {}", result.message());
+      return false;
     }
-    received_.append(chunk_.data(), got);
+    socket_.async_wait(what, [](const boost::system::error_code&) {});
+    return run_for(left);
   }
 
   // Runs the loop until the started operation completed, or closes the socket and returns false
@@ -150,6 +171,7 @@ class TTcpClient::Connection {
   std::string received_;
   std::size_t scanned_ = 0;  // received_ holds no terminator before this offset
   std::vector<char> chunk_;
+  std::string outgoing_;
 };
 
 TTcpClient::TTcpClient() : TTcpClient(Settings{}) {}
@@ -199,15 +221,16 @@ void TTcpClient::write_line(std::string_view line) {
     throw std::invalid_argument("Line contains the terminator.");
   }
   if (!is_connected()) throw_tarn("Not connected.");
-  const std::array<asio::const_buffer, 2> buffers{asio::buffer(line),
-                                                  asio::buffer(settings_.terminator)};
-  connection_->write(buffers, settings_.write_timeout);
+  // One send for the line and its end: instruments often take a lone terminator for a command.
+  std::string& out = connection_->outgoing();
+  out.assign(line);
+  out += settings_.terminator;
+  connection_->write(std::as_bytes(std::span(out)), settings_.write_timeout);
 }
 
 void TTcpClient::write_data(std::span<const std::byte> data) {
   if (!is_connected()) throw_tarn("Not connected.");
-  const std::array<asio::const_buffer, 1> buffers{asio::const_buffer(data.data(), data.size())};
-  connection_->write(buffers, settings_.write_timeout);
+  connection_->write(data, settings_.write_timeout);
 }
 
 void TTcpClient::write_data(std::string_view data) { write_data(std::as_bytes(std::span(data))); }

@@ -38,15 +38,7 @@ void init_robust_mutex(pthread_mutex_t* mutex, const std::string& name) {
   }
 }
 
-SharedBlock::LockResult lock_robust_mutex(pthread_mutex_t* mutex, const std::string& name,
-                                          std::optional<std::chrono::milliseconds> timeout) {
-  int rc = 0;
-  if (timeout) {
-    const timespec deadline = monotonic_deadline(*timeout);
-    rc = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
-  } else {
-    rc = pthread_mutex_lock(mutex);
-  }
+SharedBlock::LockResult lock_result(int rc, pthread_mutex_t* mutex, const std::string& name) {
   switch (rc) {
     case 0:
       return SharedBlock::LockResult::locked;
@@ -61,6 +53,12 @@ SharedBlock::LockResult lock_robust_mutex(pthread_mutex_t* mutex, const std::str
     default:
       throw_tarn("Could not lock shared object '{}': {}", name, os_error_text(rc));
   }
+}
+
+SharedBlock::LockResult lock_robust_mutex_for(pthread_mutex_t* mutex, const std::string& name,
+                                              std::chrono::milliseconds timeout) {
+  const timespec deadline = monotonic_deadline(timeout);
+  return lock_result(pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline), mutex, name);
 }
 
 }  // namespace Tarn::shared_objects::internal

@@ -7,7 +7,6 @@
 #include <pthread.h>
 
 #include <chrono>
-#include <optional>
 #include <string>
 
 #include "tarnio/shared_objects/shared_block.h"
@@ -18,10 +17,13 @@ namespace Tarn::shared_objects::internal {
 // shared object '{name}': {system text}".
 void init_robust_mutex(pthread_mutex_t* mutex, const std::string& name);
 
-// Locks, waiting at most `timeout` when one is given. Throws std::runtime_error "Shared object
-// '{name}' is already locked by this thread." and TarnError "Could not lock shared object
-// '{name}': {system text}".
-SharedBlock::LockResult lock_robust_mutex(pthread_mutex_t* mutex, const std::string& name,
-                                          std::optional<std::chrono::milliseconds> timeout);
+// What a lock call on `mutex` that returned `rc` means; marks the mutex consistent when its
+// holder died. Throws std::runtime_error "Shared object '{name}' is already locked by this
+// thread." and TarnError "Could not lock shared object '{name}': {system text}".
+SharedBlock::LockResult lock_result(int rc, pthread_mutex_t* mutex, const std::string& name);
+
+// Locks, waiting at most `timeout`; throws as lock_result does.
+SharedBlock::LockResult lock_robust_mutex_for(pthread_mutex_t* mutex, const std::string& name,
+                                              std::chrono::milliseconds timeout);
 
 }  // namespace Tarn::shared_objects::internal
