@@ -40,15 +40,6 @@ constexpr double kQueryLimit = 0.8;
 constexpr double kLockLimit = 3.0;
 constexpr std::string_view kCommand = "POS?\n";
 
-void echo(int fd, int) {
-  char data[4096];
-  for (ssize_t got; (got = ::recv(fd, data, sizeof data, 0)) > 0;) {
-    if (!Tarn::testing::send_all(fd, std::string_view(data, static_cast<std::size_t>(got)))) {
-      return;
-    }
-  }
-}
-
 // A blocking socket connected to 127.0.0.1:`port`, sending at once like the client does.
 int plain_connection(std::uint16_t port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -77,8 +68,8 @@ void plain_round_trip(int fd) {
 }
 
 void BM_Query(benchmark::State& state) {
-  LoopbackServer client_server(echo);
-  LoopbackServer plain_server(echo);
+  LoopbackServer client_server(Tarn::testing::echo_bytes);
+  LoopbackServer plain_server(Tarn::testing::echo_bytes);
   TTcpClient::Settings settings;
   settings.port = client_server.port();
   TTcpClient client(settings);

@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <string>
 
 #include "tarnio/shared_objects/shared_object.h"
@@ -16,29 +15,22 @@
 int main(int argc, char** argv) {
   if (argc != 4) return 2;
   const std::string command = argv[1];
-  try {
-    Tarn::Object<std::uint64_t> counter(argv[2]);
-    const std::uint64_t number = std::stoull(argv[3]);
-    if (command == "increment") {
-      for (std::uint64_t i = 0; i < number; ++i) {
-        // Read, give the processor away, write: without the lock, increments get lost.
-        auto value = counter.lock();
-        const std::uint64_t old = *value;
-        sched_yield();
-        *value = old + 1;
-      }
-      return 0;
-    }
-    if (command == "hold") {
+  Tarn::Object<std::uint64_t> counter(argv[2]);
+  const std::uint64_t number = std::stoull(argv[3]);
+  if (command == "increment") {
+    for (std::uint64_t i = 0; i < number; ++i) {
+      // Read, give the processor away, write: without the lock, increments get lost.
       auto value = counter.lock();
-      *value = number;
-      std::puts("locked");
-      std::fflush(stdout);
-      for (;;) ::pause();
+      const std::uint64_t old = *value;
+      sched_yield();
+      *value = old + 1;
     }
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
+  } else if (command == "hold") {
+    auto value = counter.lock();
+    *value = number;
+    std::puts("locked");
+    std::fflush(stdout);
+    for (;;) ::pause();
   }
-  return 2;
+  return 0;
 }

@@ -23,17 +23,29 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 }  // namespace
 
 // The socket, the loop that drives it on the caller's thread, and the bytes received but not
-// yet returned as lines. Each operation starts asynchronously and runs the loop for at most its
-// timeout; an operation still pending then is cancelled by closing the socket.
+// yet returned as lines. The socket is non-blocking: reads and writes take what the system has
+// at once, and only when it has nothing, the loop runs a wait for the socket for at most the
+// time left; a wait still pending then is cancelled by resetting the connection.
 class TTcpClient::Connection {
  public:
   bool is_open() const { return socket_.is_open(); }
   // A buffer for write_line that keeps its room from line to line.
   std::string& outgoing() { return outgoing_; }
 
+  // Ends the connection in order: what was written still reaches the peer.
   void close() {
     boost::system::error_code ignored;
     socket_.shutdown(tcp::socket::shutdown_both, ignored);
+    socket_.close(ignored);
+    received_.clear();
+    scanned_ = 0;
+  }
+
+  // Ends the connection after a failure with a reset: data not yet sent is dropped, so that no
+  // stale command reaches the peer later, and the peer stops sending.
+  void abort() {
+    boost::system::error_code ignored;
+    socket_.set_option(asio::socket_base::linger(true, 0), ignored);
     socket_.close(ignored);
     received_.clear();
     scanned_ = 0;
@@ -51,7 +63,7 @@ class TTcpClient::Connection {
                  settings.host, settings.port);
     }
     if (result) {
-      close();
+      abort();
       throw_tarn("Could not connect to {}:{}: {}", settings.host, settings.port, result.message());
     }
     // Commands are small and each waits for its answer: send them at once.
@@ -74,7 +86,7 @@ class TTcpClient::Connection {
         return line;
       }
       if (end != std::string::npos || received_.size() >= limit) {
-        close();
+        abort();
         throw_tarn("Line longer than the maximum of {} bytes.", settings.max_line_length);
       }
       // A terminator may begin in the last bytes searched and end in the next chunk.
@@ -97,7 +109,7 @@ class TTcpClient::Connection {
         continue;
       }
       if (ec) {
-        close();
+        abort();
         throw_tarn("Could not send {} bytes: {}", size, ec.message());
       }
       data = data.subspan(sent);
@@ -134,7 +146,7 @@ class TTcpClient::Connection {
         continue;
       }
       const bool mid_line = !received_.empty();
-      close();
+      abort();
       if (ec == asio::error::eof && mid_line) {
         throw_tarn("Connection closed by the peer in the middle of a line.");
       }
@@ -143,12 +155,12 @@ class TTcpClient::Connection {
     }
   }
 
-  // Waits until the socket is ready for `what` or `deadline` passed; on timeout closes the
+  // Waits until the socket is ready for `what` or `deadline` passed; on timeout aborts the
   // connection and returns false. Errors of the socket show in the read or write that follows.
   bool wait(tcp::socket::wait_type what, Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) {
-      close();
+      abort();
       return false;
     }
     socket_.async_wait(what, [](const boost::system::error_code&) {});
@@ -161,7 +173,7 @@ class TTcpClient::Connection {
     io_.restart();
     io_.run_for(timeout);
     if (io_.stopped()) return true;
-    close();
+    abort();
     io_.run();  // lets the cancelled operation finish before its handler's locals go
     return false;
   }

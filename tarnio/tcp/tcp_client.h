@@ -2,10 +2,11 @@
 
 // TTcpClient: a line-oriented TCP client for instruments (stage controllers, light sources,
 // lasers) that speak a text protocol, one command and one answer per line. Every blocking step
-// has a deadline: connect, read_line and the writes give up after their timeout, close the
-// connection and throw a TarnError that names the step and the time; a later connect() starts
-// afresh. Lines are read into a buffer bounded by the maximum line length, so a peer that never
-// ends its line costs no more memory than that.
+// has a deadline: connect, read_line and the writes give up after their timeout, reset the
+// connection (what was not yet sent is dropped, so no stale command arrives later) and throw a
+// TarnError that names the step and the time; a later connect() starts afresh. Lines are read into
+// a buffer bounded by the maximum line length, so a peer that never ends its line costs no more
+// memory than that.
 //
 // The client has no thread of its own: the network work runs on the calling thread inside each
 // call. One object belongs to one thread at a time.

@@ -50,6 +50,14 @@ inline bool send_all(int fd, std::string_view data) {
   return true;
 }
 
+// A serving function that sends back every byte it receives until the client goes.
+inline void echo_bytes(int fd, int) {
+  char data[4096];
+  for (ssize_t got; (got = ::recv(fd, data, sizeof data, 0)) > 0;) {
+    if (!send_all(fd, std::string_view(data, static_cast<std::size_t>(got)))) return;
+  }
+}
+
 class LoopbackServer {
  public:
   using Serve = std::function<void(int fd, int index)>;
