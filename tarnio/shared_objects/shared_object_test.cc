@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -27,59 +26,32 @@ struct UniqueName : std::string {
   ~UniqueName() { Tarn::remove_object(*this); }
 };
 
-// The helper program running `command NAME NUMBER` in a process of its own, killed at the end.
-struct Helper {
-  pid_t pid = 0;
-  FILE* output = nullptr;
-
-  Helper(const char* command, const std::string& name, const char* number) {
-    int ends[2];
-    EXPECT_EQ(::pipe(ends), 0);
-    pid = ::fork();
-    if (pid == 0) {
-      ::dup2(ends[1], STDOUT_FILENO);
-      ::execl(TARNIO_SHARED_OBJECT_HELPER, TARNIO_SHARED_OBJECT_HELPER, command, name.c_str(),
-              number, nullptr);
-      ::_exit(127);
-    }
-    ::close(ends[1]);
-    output = ::fdopen(ends[0], "r");
-  }
-  ~Helper() {
-    if (pid > 0) ::kill(pid, SIGKILL), wait();
-    std::fclose(output);
-  }
-  std::string line() const {
-    char text[64] = {};
-    return std::fgets(text, sizeof text, output) ? text : "";
-  }
-  // The exit status; -1 when a signal ended the process.
-  int wait() {
-    int status = 0;
-    ::waitpid(std::exchange(pid, 0), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-};
+// The helper program with `arguments` in a process of its own, its output on the pipe returned.
+FILE* start_helper(const std::string& arguments) {
+  return ::popen(("exec " TARNIO_SHARED_OBJECT_HELPER " " + arguments).c_str(), "r");
+}
 
 TEST(SharedObject, TwoProcessesIncrementingLoseNothing) {
   const UniqueName name("counter");
   Counter counter(name, 5);
   ASSERT_TRUE(counter.created());
-  Helper first("increment", name, "10000");
-  Helper second("increment", name, "10000");
+  FILE* first = start_helper("increment " + name + " 10000");
+  FILE* second = start_helper("increment " + name + " 10000");
   for (int i = 0; i < 1000; ++i) ++*counter.lock();
-  EXPECT_EQ(first.wait() + second.wait(), 0);
+  EXPECT_EQ(::pclose(first), 0);
+  EXPECT_EQ(::pclose(second), 0);
   EXPECT_EQ(counter.load(), 5u + 10000 + 10000 + 1000);
 }
 
 TEST(SharedObject, HolderKilledWhileLockedHandsTheLockOnAndRemoveClearsTheRest) {
   const UniqueName name("held");
-  Helper holder("hold", name, "77");
-  ASSERT_EQ(holder.line(), "locked\n");
+  FILE* holder = start_helper("hold " + name + " 77");
+  long pid = 0;
+  ASSERT_EQ(std::fscanf(holder, "locked %ld", &pid), 1);
   Counter counter = Counter::open(name);
   EXPECT_FALSE(counter.try_lock_for(50ms).has_value());
-  ::kill(holder.pid, SIGKILL);
-  EXPECT_EQ(holder.wait(), -1);
+  ::kill(static_cast<pid_t>(pid), SIGKILL);
+  ::pclose(holder);
   {
     auto value = counter.lock();
     EXPECT_TRUE(value.owner_died());
