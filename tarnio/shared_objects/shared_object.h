@@ -12,7 +12,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <cstring>
 #include <optional>
 #include <span>
 #include <string>
