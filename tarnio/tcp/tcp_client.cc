@@ -20,6 +20,13 @@ using Tarn::errors::internal::throw_tarn;
 // The most read_line asks the system for at once.
 constexpr std::size_t kReadChunk = 64 * 1024;
 
+// The point in time `timeout` from now; a timeout beyond a year counts as a year, so that the
+// clock's arithmetic cannot overflow, and a negative one as none.
+Clock::time_point deadline_after(std::chrono::milliseconds timeout) {
+  constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
+  return Clock::now() + std::clamp(timeout, std::chrono::milliseconds(0), kLongest);
+}
+
 }  // namespace
 
 // The socket, the loop that drives it on the caller's thread, and the bytes received but not
@@ -58,7 +65,7 @@ class TTcpClient::Connection {
     asio::async_connect(
         socket_, endpoints,
         [&](const boost::system::error_code& ec, const tcp::endpoint&) { result = ec; });
-    if (!run_for(settings.connect_timeout)) {
+    if (!run_until(deadline_after(settings.connect_timeout))) {
       throw_tarn("Timed out after {} ms connecting to {}:{}.", settings.connect_timeout.count(),
                  settings.host, settings.port);
     }
@@ -76,7 +83,7 @@ class TTcpClient::Connection {
   std::string read_line(const Settings& settings, std::chrono::milliseconds timeout) {
     const std::string& terminator = settings.terminator;
     const std::size_t limit = settings.max_line_length + terminator.size();
-    const auto deadline = Clock::now() + timeout;
+    const auto deadline = deadline_after(timeout);
     for (;;) {
       const std::size_t end = received_.find(terminator, scanned_);
       if (end != std::string::npos && end <= settings.max_line_length) {
@@ -98,7 +105,7 @@ class TTcpClient::Connection {
   // Sends all of `data` within `timeout`.
   void write(std::span<const std::byte> data, std::chrono::milliseconds timeout) {
     const std::size_t size = data.size();
-    const auto deadline = Clock::now() + timeout;
+    const auto deadline = deadline_after(timeout);
     while (!data.empty()) {
       boost::system::error_code ec;
       const std::size_t sent = socket_.write_some(asio::buffer(data.data(), data.size()), ec);
@@ -158,20 +165,19 @@ class TTcpClient::Connection {
   // Waits until the socket is ready for `what` or `deadline` passed; on timeout aborts the
   // connection and returns false. Errors of the socket show in the read or write that follows.
   bool wait(tcp::socket::wait_type what, Clock::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0) {
+    if (deadline <= Clock::now()) {
       abort();
       return false;
     }
     socket_.async_wait(what, [](const boost::system::error_code&) {});
-    return run_for(left);
+    return run_until(deadline);
   }
 
-  // Runs the loop until the started operation completed, or closes the socket and returns false
-  // once `timeout` passed.
-  bool run_for(std::chrono::milliseconds timeout) {
+  // Runs the loop until the started operation completed, or aborts the connection and returns
+  // false at `deadline`.
+  bool run_until(Clock::time_point deadline) {
     io_.restart();
-    io_.run_for(timeout);
+    io_.run_until(deadline);
     if (io_.stopped()) return true;
     abort();
     io_.run();  // lets the cancelled operation finish before its handler's locals go

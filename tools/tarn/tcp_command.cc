@@ -49,8 +49,8 @@ void add_tcp_command(CLI::App& app) {
   command->add_option("LINE", options->lines, "The lines to send, in order")->required();
   command
       ->add_option("--timeout", options->timeout_seconds,
-                   "Seconds to wait for the connection and for each answer")
-      ->check(CLI::PositiveNumber);
+                   "Seconds to wait for the connection and for each answer (at most a day)")
+      ->check(CLI::Range(0.001, 86400.0));
   command->callback([options] { run_queries(*options); });
 }
 
