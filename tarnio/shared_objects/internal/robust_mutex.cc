@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 
@@ -14,10 +15,13 @@ namespace {
 using errors::internal::os_error_text;
 using errors::internal::throw_tarn;
 
+// A timeout beyond a year counts as a year, so that the arithmetic cannot overflow.
 timespec monotonic_deadline(std::chrono::milliseconds timeout) {
+  constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const auto ns = std::chrono::nanoseconds(now.tv_nsec) + timeout;
+  const auto ns = std::chrono::nanoseconds(now.tv_nsec) +
+                  std::clamp(timeout, std::chrono::milliseconds(0), kLongest);
   now.tv_sec += static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(ns).count());
   now.tv_nsec = static_cast<long>((ns % std::chrono::seconds(1)).count());
   return now;
