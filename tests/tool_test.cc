@@ -20,6 +20,7 @@
 #include "tarnio/arrays/data_type.h"
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/json/read_write.h"
+#include "tarnio/testing/loopback_server.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace {
@@ -817,6 +818,25 @@ TEST(TarnTool, DemoWritesChecksAndDescribesASampleAcquisition) {
 
   expect_one_line_failure(tarn("demo " + (dir / "no" / "such" / "dir.tbf").string()),
                           "demo into a missing directory");
+}
+
+TEST(TarnTool, TcpPrintsEachAnswerAndStopsAtTheFirstFailure) {
+  Tarn::testing::LoopbackServer echo(Tarn::testing::echo_bytes);
+  const ToolRun answered = tarn("tcp 127.0.0.1 " + std::to_string(echo.port()) + " 'POS?' '' a");
+  EXPECT_EQ(answered.status, 0) << answered.err;
+  EXPECT_EQ(answered.out, "POS?\n\na\n");
+
+  Tarn::testing::LoopbackServer greeter([](int fd, int) {  // one line, then silence
+    Tarn::testing::send_all(fd, "ready\n");
+    for (char ignored; ::recv(fd, &ignored, 1, 0) > 0;) {
+    }
+  });
+  const ToolRun silent =
+      tarn("tcp localhost " + std::to_string(greeter.port()) + " --timeout .2 a b");
+  EXPECT_EQ(silent.status, 1);
+  EXPECT_EQ(silent.out, "ready\n");
+  EXPECT_EQ(silent.err, "tarn: Timed out after 200 ms reading a line.\n");
+  EXPECT_EQ(tarn("tcp 127.0.0.1 0 x").status, 2);
 }
 
 }  // namespace

@@ -32,6 +32,7 @@ void add_verify_command(CLI::App& app);
 void add_demo_command(CLI::App& app);
 void add_recover_command(CLI::App& app);
 void add_compact_command(CLI::App& app);
+void add_tcp_command(CLI::App& app);
 
 // The bytes each command moves per call when it streams stack data: the library's own block
 // size. Blocks of 16 MiB were measurably slower, as each one leaves the CPU caches.
