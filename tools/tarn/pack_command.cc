@@ -1,0 +1,104 @@
+// tarn pack: a directory tree of localization data as one "uint8" stack of a TBF file, tagged
+// "kalix" with the archive's label and identifiers, as the library's archive packs it in
+// memory. The blob goes to the file piece by piece while the tree is read, so memory stays
+// small whatever the tree's size. Like tarn write, a new file appears only when complete, and a
+// failed --append leaves the file with the stacks it had.
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tarnio/archive/archive.h"
+#include "tarnio/archive/blob.h"
+#include "tarnio/bf/file_interface.h"
+#include "tools/tarn/commands.h"
+#include "tools/tarn/progress_bar.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct PackOptions {
+  std::string directory;
+  std::string out;
+  std::string label;
+  std::string aid;
+  std::string compression = "none";
+  bool append = false;
+};
+
+void pack_into(Tarn::bf::FileInterface& file, const PackOptions& options) {
+  const std::uint64_t size = Kalix::Blob::get_fs_size(options.directory);
+  const std::uint64_t side = Kalix::Archive::stack_side(size);
+  const std::string aid = options.aid.empty() ? Kalix::make_uid() : options.aid;
+  const auto stack = file.add_stack(Tarn::dt::uint8, {side, side, 1, 1});
+  const Tarn::bf::StackCompression compression = parse_compression(options.compression);
+  stack->set_name(options.label);
+  stack->set_compression(compression.type, compression.level);
+  stack->set_tag(
+      Kalix::Archive::kTag,
+      Kalix::Archive::describe(aid, Kalix::Archive::read_did(options.directory), options.label));
+  ProgressBar bar("pack");
+  std::uint64_t done = 0;
+  Kalix::Blob::fs_to_sink(Kalix::Blob::Header(), options.directory, size,
+                          [&](std::span<const std::byte> piece) {
+                            if (interrupted()) throw std::runtime_error("Cancelled by user.");
+                            stack->write(piece.data(), piece.size());
+                            bar.update(done += piece.size(), size);
+                          });
+  // The square's tail behind the blob: at most 2 * side + 1 zero bytes.
+  const std::vector<std::byte> tail(side * side - size);
+  if (!tail.empty()) stack->write(tail.data(), tail.size());
+  stack->commit();
+  bar.finish();
+  file.close();
+}
+
+void run_pack(const PackOptions& options) {
+  watch_interruptions();
+  if (!fs::is_directory(options.directory)) {
+    throw std::runtime_error(fmt::format("'{}' is no directory.", options.directory));
+  }
+  if (options.append) {
+    const auto file = Tarn::open_file(options.out, Tarn::bf::DiskFile::Mode::append);
+    pack_into(*file, options);
+    return;
+  }
+  replace_file(options.out, [&](const fs::path& temporary) {
+    const auto file = Tarn::create_file();
+    file->open(temporary, Tarn::bf::DiskFile::Mode::write);
+    pack_into(*file, options);
+  });
+}
+
+}  // namespace
+
+void add_pack_command(CLI::App& app) {
+  auto options = std::make_shared<PackOptions>();
+  CLI::App* command = app.add_subcommand(
+      "pack",
+      "Store a directory tree (regular files and directories) as one uint8 stack of a TBF file, "
+      "tagged \"kalix\" with its label and identifiers: a new file (created or replaced), or with "
+      "--append behind the stacks of an existing one. A failed pack creates no file and leaves an "
+      "existing one as it was.");
+  command->footer("Example: tarn pack results/ run.tbf --label 'run 1' --append");
+  command->add_option("DIR", options->directory, "The directory whose tree is stored")->required();
+  command->add_option("OUT", options->out, "The TBF file")->required();
+  command->add_option("--label", options->label, "The archive's label (also the stack's name)")
+      ->required();
+  command->add_option("--aid", options->aid, "The archive identifier; a fresh one by default");
+  add_compression_option(*command, options->compression,
+                         "none (the default), zlib or zlib:LEVEL with a level from 0 to 9");
+  command->add_flag("--append", options->append,
+                    "Add the stack behind the stacks of the existing file OUT.");
+  command->callback([options] { run_pack(*options); });
+}
+
+}  // namespace tarn
