@@ -1,7 +1,7 @@
 // tarn pack: a directory tree of localization data as one "uint8" stack of a TBF file, tagged
-// "kalix" with the archive's label and identifiers, as the library's archive packs it in
-// memory. The blob goes to the file piece by piece while the tree is read, so memory stays
-// small whatever the tree's size. Like tarn write, a new file appears only when complete, and a
+// "kalix" with the archive's label and identifiers (Kalix::Archive::pack_to_file): the blob
+// goes to the file piece by piece while the tree is read, so memory stays small whatever the
+// tree's size. Like tarn write, a new file appears only when complete, and a
 // failed --append leaves the file with the stacks it had.
 
 #include <fmt/format.h>
@@ -9,13 +9,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <span>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "tarnio/archive/archive.h"
-#include "tarnio/archive/blob.h"
+#include "tarnio/archive/file_archive.h"
 #include "tarnio/bf/file_interface.h"
 #include "tools/tarn/commands.h"
 #include "tools/tarn/progress_bar.h"
@@ -34,29 +32,19 @@ struct PackOptions {
   bool append = false;
 };
 
-void pack_into(Tarn::bf::FileInterface& file, const PackOptions& options) {
-  const std::uint64_t size = Kalix::Blob::get_fs_size(options.directory);
-  const std::uint64_t side = Kalix::Archive::stack_side(size);
-  const std::string aid = options.aid.empty() ? Kalix::make_uid() : options.aid;
-  const auto stack = file.add_stack(Tarn::dt::uint8, {side, side, 1, 1});
+// `bar` outlives the file, whose stack calls it.
+void pack_into(Tarn::bf::FileInterface& file, const PackOptions& options, ProgressBar& bar) {
   const Tarn::bf::StackCompression compression = parse_compression(options.compression);
-  stack->set_name(options.label);
-  stack->set_compression(compression.type, compression.level);
-  stack->set_tag(
-      Kalix::Archive::kTag,
-      Kalix::Archive::describe(aid, Kalix::Archive::read_did(options.directory), options.label));
-  ProgressBar bar("pack");
-  std::uint64_t done = 0;
-  Kalix::Blob::fs_to_sink(Kalix::Blob::Header(), options.directory, size,
-                          [&](std::span<const std::byte> piece) {
-                            if (interrupted()) throw std::runtime_error("Cancelled by user.");
-                            stack->write(piece.data(), piece.size());
-                            bar.update(done += piece.size(), size);
-                          });
-  // The square's tail behind the blob: at most 2 * side + 1 zero bytes.
-  const std::vector<std::byte> tail(side * side - size);
-  if (!tail.empty()) stack->write(tail.data(), tail.size());
-  stack->commit();
+  const std::string aid = options.aid.empty() ? Kalix::make_uid() : options.aid;
+  Kalix::Archive::pack_to_file(
+      file, options.directory, options.label, aid, [&](Tarn::bf::StackImp& stack) {
+        stack.set_name(options.label);
+        stack.set_compression(compression.type, compression.level);
+        stack.set_progress_callback([&](std::uint64_t done, std::uint64_t total) {
+          bar.update(done, total);
+          return !interrupted();
+        });
+      });
   bar.finish();
   file.close();
 }
@@ -66,15 +54,16 @@ void run_pack(const PackOptions& options) {
   if (!fs::is_directory(options.directory)) {
     throw std::runtime_error(fmt::format("'{}' is no directory.", options.directory));
   }
+  ProgressBar bar("pack");
   if (options.append) {
     const auto file = Tarn::open_file(options.out, Tarn::bf::DiskFile::Mode::append);
-    pack_into(*file, options);
+    pack_into(*file, options, bar);
     return;
   }
   replace_file(options.out, [&](const fs::path& temporary) {
     const auto file = Tarn::create_file();
     file->open(temporary, Tarn::bf::DiskFile::Mode::write);
-    pack_into(*file, options);
+    pack_into(*file, options, bar);
   });
 }
 
