@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "tarnio/archive/file_archive.h"
+#include "tarnio/bf/file_interface.h"
 #include "tarnio/stack_factory/create_stack.h"
 #include "tarnio/stack_factory/get_kalix.h"
 #include "tarnio/testing/expect_throw_message.h"
@@ -142,6 +144,33 @@ TEST(Archive, IdentifiersAndDescriptions) {
   EXPECT_TRUE(Tarn::get_kalix(*stack).is_null());
   stack->set_tag("kalix", full);
   EXPECT_EQ(Tarn::get_kalix(*stack), full);
+}
+
+TEST(Archive, FileStacksHoldTheSameBytesAndTagAsMemoryStacks) {
+  TempDir dir;
+  spill(dir / "in/zarr/klx/.zattrs", R"({"did": "d"})");
+  spill(dir / "in/zarr/locs/0", std::string(300000, 'z'));
+  const auto memory = Kalix::Archive::pack(dir / "in", "L", "A");
+  {
+    const auto file = Tarn::create_file();
+    file->open(dir / "f.tbf", Tarn::bf::DiskFile::Mode::write);
+    Kalix::Archive::pack_to_file(*file, dir / "in", "L", "A",
+                                 [](auto& stack) { stack.set_name("named"); });
+    file->close();
+  }
+  const auto file = Tarn::open_file(dir / "f.tbf", Tarn::bf::DiskFile::Mode::read);
+  const auto stack = file->stack(0);
+  EXPECT_EQ(stack->shape(), memory->shape());
+  EXPECT_EQ(stack->name(), "named");
+  EXPECT_EQ(Tarn::get_kalix(*stack), Tarn::get_kalix(*memory));
+  std::vector<std::byte> stored(stack->number_of_elements());
+  stack->read(0, stored.size(), stored.data());
+  // The headers differ in their time at most.
+  std::memcpy(stored.data() + 11, memory->bytes().data() + 11, 8);
+  EXPECT_TRUE(std::ranges::equal(stored, memory->bytes()));
+
+  Kalix::Archive::unpack_from_file(*stack, dir / "out");
+  EXPECT_EQ(slurp(dir / "out/zarr/locs/0"), slurp(dir / "in/zarr/locs/0"));
 }
 
 }  // namespace
