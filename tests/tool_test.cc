@@ -867,6 +867,9 @@ TEST(TarnTool, PackAndUnpackRoundTripATreeBesideOtherStacks) {
   EXPECT_NE(link.err.find("'zarr/link': it is a symbolic link"), std::string::npos) << link.err;
   expect_one_line_failure(tarn("pack " + (dir / "none").string() + " " + out + " --label x"),
                           "missing tree");
+  const ToolRun inside = tarn("pack " + dir.path().string() + " " + out + " --label x --append");
+  expect_one_line_failure(inside, "output inside the tree");
+  EXPECT_NE(inside.err.find("lies inside the tree"), std::string::npos) << inside.err;
   EXPECT_EQ(info_json(out).at("stacks").size(), 3u);
   EXPECT_FALSE(fs::exists(dir / "bad.tbf"));
 }

@@ -54,6 +54,13 @@ void run_pack(const PackOptions& options) {
   if (!fs::is_directory(options.directory)) {
     throw std::runtime_error(fmt::format("'{}' is no directory.", options.directory));
   }
+  // The file would be packed while it is written.
+  const fs::path inside =
+      fs::weakly_canonical(options.out).lexically_relative(fs::canonical(options.directory));
+  if (!inside.empty() && *inside.begin() != "..") {
+    throw std::runtime_error(
+        fmt::format("The output '{}' lies inside the tree '{}'.", options.out, options.directory));
+  }
   ProgressBar bar("pack");
   if (options.append) {
     const auto file = Tarn::open_file(options.out, Tarn::bf::DiskFile::Mode::append);
