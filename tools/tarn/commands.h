@@ -57,6 +57,12 @@ Tarn::bf::StackCompression parse_compression(const std::string& text);
 void replace_file(const std::filesystem::path& target,
                   const std::function<void(const std::filesystem::path&)>& write);
 
+// Fills a TBF file through `fill`: a new one at `out` (through replace_file), or with `append`
+// the existing one, opened for appending; there a failure closes the file, which drops the
+// unfinished stack and keeps the stacks it had. `fill` closes the file when it is done.
+void fill_file(const std::filesystem::path& out, bool append,
+               const std::function<void(Tarn::bf::FileInterface&)>& fill);
+
 // Prints what `tarn info` prints for the TBF file at `path`. Throws as Tarn::open_file does.
 void print_info(const std::filesystem::path& path, bool json);
 

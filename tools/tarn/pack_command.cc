@@ -62,16 +62,8 @@ void run_pack(const PackOptions& options) {
         fmt::format("The output '{}' lies inside the tree '{}'.", options.out, options.directory));
   }
   ProgressBar bar("pack");
-  if (options.append) {
-    const auto file = Tarn::open_file(options.out, Tarn::bf::DiskFile::Mode::append);
-    pack_into(*file, options, bar);
-    return;
-  }
-  replace_file(options.out, [&](const fs::path& temporary) {
-    const auto file = Tarn::create_file();
-    file->open(temporary, Tarn::bf::DiskFile::Mode::write);
-    pack_into(*file, options, bar);
-  });
+  fill_file(options.out, options.append,
+            [&](Tarn::bf::FileInterface& file) { pack_into(file, options, bar); });
 }
 
 }  // namespace
