@@ -840,11 +840,8 @@ TEST(TarnTool, PackAndUnpackRoundTripATreeBesideOtherStacks) {
   const JSON::Value stacks = info_json(out).at("stacks");
   ASSERT_EQ(stacks.size(), 3u);
   EXPECT_EQ(stacks[0].find("kalix"), nullptr);
-  EXPECT_EQ(stacks[2].at("kalix"), JSON::Value::object({{"aid", "A"},
-                                                        {"did", "d-9"},
-                                                        {"label", "run \"1\""},
-                                                        {"type", "data"},
-                                                        {"sid", "d-9"}}));
+  EXPECT_EQ(JSON::write(stacks[2].at("kalix")),
+            R"({"aid":"A","did":"d-9","label":"run \"1\"","type":"data","sid":"d-9"})");
   EXPECT_NE(tarn("info " + out).out.find(R"(stack 1 holds archive "run \"1\"" (aid "A", did)"),
             std::string::npos);
   const JSON::Value fresh = info_json(dir / "new.tbf").at("stacks")[0].at("kalix");
@@ -857,21 +854,16 @@ TEST(TarnTool, PackAndUnpackRoundTripATreeBesideOtherStacks) {
     EXPECT_EQ(shell("diff -r " + tree + " " + restored.string()).status, 0) << index;
   }
 
-  // A stack of other bytes is refused and restores nothing; so are bad trees and indices.
+  // A stack of other bytes is refused and restores nothing; bad trees and indices fail.
   expect_one_line_failure(tarn("unpack " + out + " --stack 0 " + (dir / "o0").string()), "bytes");
   EXPECT_FALSE(fs::exists(dir / "o0"));
   expect_one_line_failure(tarn("unpack " + out + " --stack 3 " + (dir / "o3").string()), "index");
-  fs::create_symlink("/etc", dir / "tree/zarr/link");
-  const ToolRun link = tarn("pack " + tree + " " + (dir / "bad.tbf").string() + " --label x");
-  expect_one_line_failure(link, "link");
-  EXPECT_NE(link.err.find("'zarr/link': it is a symbolic link"), std::string::npos) << link.err;
   expect_one_line_failure(tarn("pack " + (dir / "none").string() + " " + out + " --label x"),
                           "missing tree");
   const ToolRun inside = tarn("pack " + dir.path().string() + " " + out + " --label x --append");
   expect_one_line_failure(inside, "output inside the tree");
   EXPECT_NE(inside.err.find("lies inside the tree"), std::string::npos) << inside.err;
   EXPECT_EQ(info_json(out).at("stacks").size(), 3u);
-  EXPECT_FALSE(fs::exists(dir / "bad.tbf"));
 }
 
 }  // namespace
