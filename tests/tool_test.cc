@@ -839,4 +839,51 @@ TEST(TarnTool, TcpPrintsEachAnswerAndStopsAtTheFirstFailure) {
   EXPECT_EQ(tarn("tcp 127.0.0.1 0 x").status, 2);
 }
 
+TEST(TarnTool, PackAndUnpackRoundTripATreeBesideOtherStacks) {
+  Tarn::testing::TempDir dir;
+  namespace fs = std::filesystem;
+  for (const char* sub : {"klx", "locs", "empty"}) fs::create_directories(dir / "tree/zarr" / sub);
+  spill(dir / "tree/zarr/klx/.zattrs", R"({"did": "d-9"})");
+  spill(dir / "tree/zarr/locs/0.0", random_bytes(70000, 5));
+  const std::string out = (dir / "a.tbf").string();
+  spill(dir / "s.raw", random_bytes(8, 6));
+  ASSERT_EQ(tarn("write " + out + " --type uint8 --shape 8 " + (dir / "s.raw").string()).status, 0);
+  const std::string tree = (dir / "tree").string();
+  for (const char* compression : {"none", "zlib:1"}) {
+    const ToolRun pack =
+        tarn("pack " + tree + " " + out + " --append --label 'run \"1\"' --aid A " +
+             "--compression " + compression);
+    ASSERT_EQ(pack.status, 0) << pack.err;
+  }
+  ASSERT_EQ(tarn("pack " + tree + " " + (dir / "new.tbf").string() + " --label x").status, 0);
+
+  const JSON::Value stacks = info_json(out).at("stacks");
+  ASSERT_EQ(stacks.size(), 3u);
+  EXPECT_EQ(stacks[0].find("kalix"), nullptr);
+  EXPECT_EQ(JSON::write(stacks[2].at("kalix")),
+            R"({"aid":"A","did":"d-9","label":"run \"1\"","type":"data","sid":"d-9"})");
+  EXPECT_NE(tarn("info " + out).out.find(R"(stack 1 holds archive "run \"1\"" (aid "A", did)"),
+            std::string::npos);
+  const JSON::Value fresh = info_json(dir / "new.tbf").at("stacks")[0].at("kalix");
+  EXPECT_EQ(fresh.at("aid").get_string().size(), 36u);
+
+  for (const char* index : {"1", "2"}) {
+    const fs::path restored = dir / (std::string("out") + index);
+    const ToolRun unpack = tarn("unpack " + out + " --stack " + index + " " + restored.string());
+    ASSERT_EQ(unpack.status, 0) << unpack.err;
+    EXPECT_EQ(shell("diff -r " + tree + " " + restored.string()).status, 0) << index;
+  }
+
+  // A stack of other bytes is refused and restores nothing; bad trees and indices fail.
+  expect_one_line_failure(tarn("unpack " + out + " --stack 0 " + (dir / "o0").string()), "bytes");
+  EXPECT_FALSE(fs::exists(dir / "o0"));
+  expect_one_line_failure(tarn("unpack " + out + " --stack 3 " + (dir / "o3").string()), "index");
+  expect_one_line_failure(tarn("pack " + (dir / "none").string() + " " + out + " --label x"),
+                          "missing tree");
+  const ToolRun inside = tarn("pack " + dir.path().string() + " " + out + " --label x --append");
+  expect_one_line_failure(inside, "output inside the tree");
+  EXPECT_NE(inside.err.find("lies inside the tree"), std::string::npos) << inside.err;
+  EXPECT_EQ(info_json(out).at("stacks").size(), 3u);
+}
+
 }  // namespace

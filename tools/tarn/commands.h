@@ -11,7 +11,9 @@
 #include <functional>
 #include <string>
 
+#include "tarnio/bf/file_interface.h"
 #include "tarnio/bf/file_rewrite.h"
+#include "tarnio/json/value.h"
 
 namespace Tarn::bf {
 class StackImp;
@@ -33,6 +35,8 @@ void add_demo_command(CLI::App& app);
 void add_recover_command(CLI::App& app);
 void add_compact_command(CLI::App& app);
 void add_tcp_command(CLI::App& app);
+void add_pack_command(CLI::App& app);
+void add_unpack_command(CLI::App& app);
 
 // The bytes each command moves per call when it streams stack data: the library's own block
 // size. Blocks of 16 MiB were measurably slower, as each one leaves the CPU caches.
@@ -54,8 +58,20 @@ Tarn::bf::StackCompression parse_compression(const std::string& text);
 void replace_file(const std::filesystem::path& target,
                   const std::function<void(const std::filesystem::path&)>& write);
 
+// Fills a TBF file through `fill`: a new one at `out` (through replace_file), or with `append`
+// the existing one, opened for appending; there a failure closes the file, which drops the
+// unfinished stack and keeps the stacks it had. `fill` closes the file when it is done.
+void fill_file(const std::filesystem::path& out, bool append,
+               const std::function<void(Tarn::bf::FileInterface&)>& fill);
+
 // Prints what `tarn info` prints for the TBF file at `path`. Throws as Tarn::open_file does.
 void print_info(const std::filesystem::path& path, bool json);
+
+// For tarn info: a line per stack that holds a packed tree (its "kalix" tag's label and
+// identifiers), after an empty line; empty when no stack does.
+std::string archive_lines(const Tarn::bf::FileInterface& file);
+// Adds the member "kalix" with the archive description to the JSON object of each such stack.
+void add_archive_json(const Tarn::bf::FileInterface& file, JSON::Value& stacks);
 
 // Writes all `n` bytes to the descriptor, retrying short writes. Throws std::runtime_error
 // "Could not write output: {system text}".

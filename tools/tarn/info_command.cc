@@ -132,7 +132,7 @@ std::string info_table(const Tarn::bf::FileInterface& file) {
                     tarn_dt_get_name(stack->type()), shape_text(stack->shape()),
                     compression_text(*stack), chunk_text(*stack), size_text(stack->data_length())});
   }
-  return out + "\n" + aligned(rows);
+  return out + "\n" + aligned(rows) + archive_lines(file);
 }
 
 template <class T>
@@ -170,6 +170,7 @@ std::string info_json(const Tarn::bf::FileInterface& file) {
   for (std::size_t i = 0; i < file.number_of_stacks(); ++i) {
     stacks.push_back(stack_json(*file.stack(i), i));
   }
+  add_archive_json(file, stacks);
   const JSON::Value info = JSON::Value::object({
       {"format_version", file.format_version()},
       {"description", clean_text(file.description(), false)},

@@ -63,6 +63,8 @@ int main(int argc, char** argv) {
   tarn::add_recover_command(app);
   tarn::add_compact_command(app);
   tarn::add_tcp_command(app);
+  tarn::add_pack_command(app);
+  tarn::add_unpack_command(app);
   std::signal(SIGPIPE, SIG_IGN);
 
   try {

@@ -1,4 +1,5 @@
-// Files that the tarn commands create whole: written under a temporary name, renamed when done.
+// Files that the tarn commands create whole: written under a temporary name, renamed when done;
+// or, where the user asks for it, extended in place.
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -45,6 +46,21 @@ void replace_file(const fs::path& target, const std::function<void(const fs::pat
     fs::remove(temporary, ignored);
     throw;
   }
+}
+
+void fill_file(const fs::path& out, bool append,
+               const std::function<void(Tarn::bf::FileInterface&)>& fill) {
+  if (append) {
+    // On a failure the file's destructor closes it, dropping the unfinished stack.
+    const auto file = Tarn::open_file(out, Tarn::bf::DiskFile::Mode::append);
+    fill(*file);
+    return;
+  }
+  replace_file(out, [&](const fs::path& temporary) {
+    const auto file = Tarn::create_file();
+    file->open(temporary, Tarn::bf::DiskFile::Mode::write);
+    fill(*file);
+  });
 }
 
 }  // namespace tarn

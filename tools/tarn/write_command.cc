@@ -146,17 +146,8 @@ void run_write(const WriteOptions& options) {
     throw std::runtime_error(fmt::format("Input '{}' is the output file.", options.input));
   }
   Input input(options.input);
-  if (options.append) {
-    // On a failure the file's destructor closes it, dropping the unfinished stack.
-    const auto file = Tarn::open_file(out, Tarn::bf::DiskFile::Mode::append);
-    write_stack(*file, options, input);
-    return;
-  }
-  replace_file(out, [&](const fs::path& temporary) {
-    const auto file = Tarn::create_file();
-    file->open(temporary, Tarn::bf::DiskFile::Mode::write);
-    write_stack(*file, options, input);
-  });
+  fill_file(out, options.append,
+            [&](Tarn::bf::FileInterface& file) { write_stack(file, options, input); });
 }
 
 }  // namespace
