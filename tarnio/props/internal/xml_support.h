@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "tarnio/strings/internal/encoding.h"
+
 namespace Tarn::props::internal {
 
 // The element's path from the root, each step with its one-based place among the siblings of
@@ -41,7 +43,6 @@ pugi::xml_attribute required_attribute(const pugi::xml_node& element, const char
 // kMaxXmlDepth are "Xml nesting deeper than {kMaxXmlDepth} levels.".
 void parse_document(pugi::xml_document& document, std::string_view text);
 
-// Whether `text` is valid UTF-8.
-bool is_valid_utf8(std::string_view text) noexcept;
+using Tarn::strings::internal::is_valid_utf8;
 
 }  // namespace Tarn::props::internal
