@@ -45,4 +45,10 @@ void parse_document(pugi::xml_document& document, std::string_view text);
 
 using Tarn::strings::internal::is_valid_utf8;
 
+// The characters that XML 1.0 cannot carry, not even as references: U+0000 to U+001F but tab,
+// line feed and carriage return.
+inline bool is_forbidden_control(unsigned char c) noexcept {
+  return c < 0x20 && c != '\t' && c != '\n' && c != '\r';
+}
+
 }  // namespace Tarn::props::internal
