@@ -202,15 +202,12 @@ TEST(JsonWrite, RefusesTextThatIsNotUtf8WhereTheReaderWould) {
   for (const std::string_view text : texts) {
     std::string quoted(1, '"');
     quoted.append(text).push_back('"');
-    const bool readable = error_of(quoted) == "no error";
     for (const Value& value : {Value(text), Value::object({{text, Value(1)}})}) {
-      for (const int indent : {-1, 2}) {
-        if (readable) {
-          EXPECT_EQ(read(write(value, indent)), value);
-        } else {
-          EXPECT_THROW_MESSAGE(write(Value::list({1, value}), indent), std::runtime_error,
-                               "JSON write error: a string or key is not valid UTF-8.");
-        }
+      if (error_of(quoted) == "no error") {
+        EXPECT_EQ(read(write(value, 2)), value);
+      } else {
+        EXPECT_THROW_MESSAGE(write(Value::list({1, value})), std::runtime_error,
+                             "JSON write error: a string or key is not valid UTF-8.");
       }
     }
   }

@@ -178,8 +178,6 @@ TEST(RuntimeValue, TemperatureDifferencesAreDifferences) {
   };
   for (const auto& [result, expected] : cases) EXPECT_EQ(result.to_string(), expected);
   EXPECT_EQ(value("300 K") - value("20 °C"), value("6.85 K"));
-  // A difference converts by its step alone.
-  EXPECT_EQ((value("20 °C") - value("10 °C")).in("°R").to_string(), "18 °R");
 }
 
 TEST(RuntimeValue, IncompatibleDimensionsNameBothUnits) {
@@ -287,8 +285,6 @@ TEST(BaseUnit, MalformedTextIsRejectedClearly) {
   EXPECT_NE(BaseUnit::parse("(Ym/m)^64"), BaseUnit());
   EXPECT_NE(BaseUnit::parse("(Ym)^64"), BaseUnit::parse("m^64"));
   EXPECT_NE(BaseUnit({}, 1, 4096, 0, "big"), BaseUnit({}, 1, -4096, 0, "small"));
-  EXPECT_EQ(BaseUnit::parse("(km)^64"),
-            BaseUnit({}, 1, 192, 0, "").pow(1) * BaseUnit::parse("m^64"));
   EXPECT_THROW_MESSAGE(BaseUnit::parse("m").pow(65), std::invalid_argument,
                        "Unit exponent out of range.");
 }
