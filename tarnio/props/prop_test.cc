@@ -340,8 +340,6 @@ TEST(ValueReference, ViewsInPlace) {
   // The message names the class asked for, not the one held.
   EXPECT_THROW_MESSAGE(view.get<TProparray<double>>(), std::runtime_error,
                        "Type mismatch: expected 'double' type.");
-  EXPECT_THROW_MESSAGE(view.get<TPropstruct>(), std::runtime_error,
-                       "Type mismatch: expected 'struct' type.");
   TPropstring text("t");
   Tarn::props::ValueReference raw(&text, dt::char_);
   EXPECT_EQ(raw.get<TPropstring>().to_utf8(), "t");
