@@ -111,6 +111,13 @@ TEST(TarnTool, PropsConvertsJsonToXmlAndBack) {
     ASSERT_EQ(back.status, 0) << back.err;
     EXPECT_EQ(JSON::read(back.out), JSON::read(kPropsJson)) << back.out;
   }
+  // A byte order mark may lead either form.
+  for (const char* name : {"in.json", "out.xml"}) {
+    spill(dir / "marked", "\xEF\xBB\xBF" + slurp(dir / name));
+    const ToolRun marked = tarn("props " + (dir / "marked").string());
+    ASSERT_EQ(marked.status, 0) << name << ": " << marked.err;
+    EXPECT_EQ(marked.out, json.out) << name;
+  }
 }
 
 TEST(TarnTool, PropsWritesEveryXmlDialectAndReadsItBack) {

@@ -13,8 +13,11 @@
 // where lines and columns count from 1 and columns count bytes.
 //
 // Writing gives valid UTF-8: control characters, '"' and '\' are escaped, the rest of the text
-// is copied. Doubles are written as the shortest text that reads back to the same double; NaN
-// and infinities, which JSON cannot express, are written as null.
+// is copied. A string or key that is not valid UTF-8 is refused, not escaped (no escape would
+// read back as the same bytes): std::runtime_error
+//   "JSON write error: a string or key is not valid UTF-8."
+// So what write returns, read accepts. Doubles are written as the shortest text that reads back to
+// the same double; NaN and infinities, which JSON cannot express, are written as null.
 //
 // Thread-safe: no shared state.
 

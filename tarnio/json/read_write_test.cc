@@ -191,6 +191,28 @@ TEST(JsonRead, RejectsMalformedTextWithPosition) {
   }
 }
 
+// What write returns, read takes back: text that is not UTF-8 is refused in strings and keys
+// alike, and exactly where the reader refuses the same bytes.
+TEST(JsonWrite, RefusesTextThatIsNotUtf8WhereTheReaderWould) {
+  const std::string_view texts[] = {
+      "plain", "\xC3\xA9", "\xF0\x9F\x98\x80", "\xF4\x8F\xBF\xBF",
+      "\xC3(", "\xC0\xAF", "\xED\xA0\x80",     "\xF4\x90\x80\x80",
+      "\xFF",  "a\x80",    "\xE2\x82",         "\xF0\x9F\x98",
+  };
+  for (const std::string_view text : texts) {
+    std::string quoted(1, '"');
+    quoted.append(text).push_back('"');
+    for (const Value& value : {Value(text), Value::object({{text, Value(1)}})}) {
+      if (error_of(quoted) == "no error") {
+        EXPECT_EQ(read(write(value, 2)), value);
+      } else {
+        EXPECT_THROW_MESSAGE(write(Value::list({1, value})), std::runtime_error,
+                             "JSON write error: a string or key is not valid UTF-8.");
+      }
+    }
+  }
+}
+
 // Every prefix and many one-byte corruptions of a valid document fail cleanly.
 TEST(JsonRead, DamagedDocumentsFailWithAPosition) {
   const std::string document =

@@ -6,6 +6,8 @@
 #include <complex>
 #include <cstdint>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "tarnio/props/internal/dispatch.h"
 
@@ -65,21 +67,30 @@ bool same_float(F a, F b, const CompareTraits& traits) {
   return a == b;
 }
 
-bool equal_structs(const TPropstruct& a, const TPropstruct& b, const CompareTraits& traits) {
+// Pairs of nested values still to compare: trees nest without limit, so the comparison keeps
+// its own list on the heap instead of recursing.
+using Pending = std::vector<std::pair<const TProp*, const TProp*>>;
+
+// Compares the member names; the member values go to `pending`.
+bool equal_structs(const TPropstruct& a, const TPropstruct& b, const CompareTraits& traits,
+                   Pending& pending) {
   if (a.size() != b.size()) return false;
   if (!traits.ignore_member_order) {
     return std::equal(a.begin(), a.end(), b.begin(), [&](const auto& x, const auto& y) {
-      return x.first == y.first && is_equal(x.second, y.second, traits);
+      pending.emplace_back(&x.second, &y.second);
+      return x.first == y.first;
     });
   }
   return std::all_of(a.begin(), a.end(), [&](const auto& member) {
     const auto other = b.find(member.first);
-    return other != b.end() && is_equal(member.second, other->second, traits);
+    if (other == b.end()) return false;
+    pending.emplace_back(&member.second, &other->second);
+    return true;
   });
 }
 
 template <typename T>
-bool equal_elements(const T& a, const T& b, const CompareTraits& traits) {
+bool equal_elements(const T& a, const T& b, const CompareTraits& traits, Pending& pending) {
   if constexpr (std::is_floating_point_v<T>) {
     return same_float(a, b, traits);
   } else if constexpr (is_complex_element<T>) {
@@ -87,9 +98,10 @@ bool equal_elements(const T& a, const T& b, const CompareTraits& traits) {
   } else if constexpr (std::is_same_v<T, _s_tarn_RGB>) {
     return a.red == b.red && a.green == b.green && a.blue == b.blue;
   } else if constexpr (std::is_same_v<T, TProp>) {
-    return is_equal(a, b, traits);
+    pending.emplace_back(&a, &b);
+    return true;
   } else if constexpr (std::is_same_v<T, TPropstruct>) {
-    return equal_structs(a, b, traits);
+    return equal_structs(a, b, traits, pending);
   } else {
     return a == b;
   }
@@ -138,9 +150,8 @@ bool equal_numbers(const View& a, const View& b, const CompareTraits& traits) {
   return true;
 }
 
-}  // namespace
-
-bool is_equal(const TProp& a, const TProp& b, const CompareTraits& traits) {
+// One value against another; nested values go to `pending`.
+bool equal_outer(const TProp& a, const TProp& b, const CompareTraits& traits, Pending& pending) {
   if (traits.compare_ids && a.get_id() != b.get_id()) return false;
   const View x = view_of(a);
   const View y = view_of(b);
@@ -173,10 +184,22 @@ bool is_equal(const TProp& a, const TProp& b, const CompareTraits& traits) {
     const T* first = static_cast<const T*>(x.first);
     const T* second = static_cast<const T*>(y.first);
     for (std::size_t i = 0; i < x.count && equal; ++i) {
-      equal = equal_elements(first[i], second[i], traits);
+      equal = equal_elements(first[i], second[i], traits, pending);
     }
   });
   return equal;
+}
+
+}  // namespace
+
+bool is_equal(const TProp& a, const TProp& b, const CompareTraits& traits) {
+  Pending pending{{&a, &b}};
+  while (!pending.empty()) {
+    const auto [x, y] = pending.back();
+    pending.pop_back();
+    if (!equal_outer(*x, *y, traits, pending)) return false;
+  }
+  return true;
 }
 
 }  // namespace Tarn::props

@@ -146,7 +146,7 @@ TEST(LabviewXml, WritesTheLabviewLayout) {
   root.set("e", TProp::array(dt::logical, {0}));
   EXPECT_EQ(
       internal::write_labview_xml(TProp(root)),
-      "<?xml version='1.0' standalone='yes' ?>\n"
+      "<?xml version='1.0' encoding='UTF-8' standalone='yes' ?>\n"
       "<LVData xmlns=\"http://www.ni.com/LVData\">\n"
       "    <Version>8.2.1</Version>\n"
       "    <Cluster>\n"
@@ -224,7 +224,6 @@ TEST(LabviewXml, WritesEachKindInItsForm) {
       {TProp::cell({0}),
        "<Dimsize>0</Dimsize>\n        <LvVariant>\n            <Name></Name>\n"
        "        </LvVariant>"},
-      {TProp("\u00e9"), "<?xml version='1.0' encoding='UTF-8' standalone='yes' ?>\n"},
   };
   for (const auto& [value, piece] : cases) {
     const std::string xml = internal::write_labview_xml(value);

@@ -2,13 +2,18 @@
 
 #include <fmt/format.h>
 
+#include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
+#include <typeinfo>
+#include <utility>
+#include <vector>
 
 #include "tarnio/arrays/data_type.h"
 #include "tarnio/props/compare.h"
 #include "tarnio/props/internal/dispatch.h"
-#include "tarnio/props/type_names.h"
+#include "tarnio/props/internal/type_mismatch.h"
 #include "tarnio/strings/internal/encoding.h"
 
 using Tarn::props::internal::visit_element;
@@ -44,14 +49,66 @@ auto& element_at(Prop& value, const char* kind, std::uint64_t i0, std::uint64_t 
   return (*array)[static_cast<std::size_t>(index)];
 }
 
+template <typename T>
+T* held_as(placeholder& content) noexcept {
+  return content.type() == typeid(T) ? static_cast<T*>(content.object()) : nullptr;
+}
+
+bool holds_values(const placeholder& content) noexcept {
+  const std::type_info& type = content.type();
+  return type == typeid(TPropstruct) || type == typeid(TProparray<TProp>) ||
+         type == typeid(TProparray<TPropstruct>);
+}
+
+// Calls f(TProp&) for every value held directly in `content`: the members of a struct, the
+// elements of a cell array that owns them, the members of every struct of a struct array.
+template <typename F>
+void for_each_value(placeholder& content, F&& f) {
+  if (auto* members = held_as<TPropstruct>(content)) {
+    for (auto& member : *members) f(member.second);
+  } else if (auto* cells = held_as<TProparray<TProp>>(content)) {
+    if (cells->is_borrowed()) return;
+    for (TProp& cell : *cells) f(cell);
+  } else if (auto* records = held_as<TProparray<TPropstruct>>(content)) {
+    for (TPropstruct& record : *records) {
+      for (auto& member : record) f(member.second);
+    }
+  }
+}
+
+// The copies still to be filled while a deep copy runs on this thread (see the copy
+// constructor); null when none runs.
+thread_local std::vector<std::pair<TProp*, const placeholder*>>* pending_copies = nullptr;
+
 }  // namespace
 
 TProp::TProp() noexcept = default;
 
-TProp::TProp(const TProp& other)
-    : content_(other.content_ != nullptr ? other.content_->clone() : nullptr),
-      info_(other.info_),
-      id_(other.id_) {}
+// Trees nest without limit, so copying and destroying work from a list on the heap rather than
+// by recursion, which would run out of call stack. A copy of a value nested inside a copy that
+// is running takes its info and id and queues its content; the outermost copy fills the queue.
+// The queued values stay in place: clone() builds each container's elements where they remain.
+TProp::TProp(const TProp& other) : info_(other.info_), id_(other.id_) {
+  if (other.content_ == nullptr) return;
+  if (pending_copies != nullptr) {
+    pending_copies->emplace_back(this, other.content_.get());
+    return;
+  }
+  std::vector<std::pair<TProp*, const placeholder*>> pending;
+  pending_copies = &pending;
+  try {
+    content_ = other.content_->clone();
+    while (!pending.empty()) {
+      const auto [copy, original] = pending.back();
+      pending.pop_back();
+      copy->content_ = original->clone();
+    }
+  } catch (...) {
+    pending_copies = nullptr;
+    throw;
+  }
+  pending_copies = nullptr;
+}
 
 TProp::TProp(TProp&& other) noexcept
     : content_(std::move(other.content_)), info_(std::move(other.info_)), id_(other.id_) {}
@@ -69,7 +126,24 @@ TProp& TProp::operator=(TProp&& other) {
   return *this;
 }
 
-TProp::~TProp() = default;
+// Nested contents are taken out before their container goes, so that each one dies without
+// values of its own inside. Should the list not grow, a content dies in place, by recursion.
+TProp::~TProp() {
+  if (content_ == nullptr || !holds_values(*content_)) return;
+  std::vector<std::unique_ptr<placeholder>> pending;
+  pending.push_back(std::move(content_));
+  while (!pending.empty()) {
+    std::unique_ptr<placeholder> next = std::move(pending.back());
+    pending.pop_back();
+    for_each_value(*next, [&](TProp& value) {
+      if (value.content_ == nullptr || !holds_values(*value.content_)) return;
+      try {
+        pending.push_back(std::move(value.content_));
+      } catch (const std::bad_alloc&) {
+      }
+    });
+  }
+}
 
 TProp::TProp(char* text) : TProp(static_cast<const char*>(text)) {}
 TProp::TProp(const char* text) : TProp(TPropstring(text != nullptr ? text : "")) {}
@@ -133,25 +207,18 @@ const TProparrayBase* TProp::get_arr(bool throw_if_not) const {
 }
 
 void TProp::own() {
-  TProparrayBase* array = content_ != nullptr ? content_->array() : nullptr;
-  if (array == nullptr) {
-    if (auto* members = get_if<TPropstruct>()) {
-      for (auto& member : *members) member.second.own();
+  std::vector<TProp*> pending{this};
+  while (!pending.empty()) {
+    TProp& value = *pending.back();
+    pending.pop_back();
+    if (value.content_ == nullptr) continue;
+    if (TProparrayBase* array = value.content_->array()) {
+      visit_element(array->element_type(), [&](auto tag) {
+        static_cast<TProparray<typename decltype(tag)::type>*>(array)->own();
+      });
     }
-    return;
+    for_each_value(*value.content_, [&](TProp& nested) { pending.push_back(&nested); });
   }
-  visit_element(array->element_type(), [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    auto& typed = *static_cast<TProparray<T>*>(content_->object());
-    typed.own();
-    if constexpr (std::is_same_v<T, TProp>) {
-      for (TProp& element : typed) element.own();
-    } else if constexpr (std::is_same_v<T, TPropstruct>) {
-      for (TPropstruct& element : typed) {
-        for (auto& member : element) member.second.own();
-      }
-    }
-  });
 }
 
 void TProp::clear() {
@@ -207,17 +274,5 @@ void TProp::set_content(std::unique_ptr<placeholder> content) {
 }
 
 void TProp::throw_type_mismatch(const std::type_info& wanted) {
-  std::string name = "unknown";
-  if (wanted == typeid(TPropstruct))
-    name = "struct";
-  else if (wanted == typeid(TPropstring))
-    name = "char";
-  else if (wanted == typeid(TPropempty))
-    name = "empty";
-  for (const auto& entry : Tarn::props::type_names()) {
-    visit_element(entry.first, [&](auto tag) {
-      if (wanted == typeid(TProparray<typename decltype(tag)::type>)) name = entry.second;
-    });
-  }
-  throw std::runtime_error(fmt::format("Type mismatch: expected '{}' type.", name));
+  Tarn::props::internal::throw_type_mismatch(wanted);
 }

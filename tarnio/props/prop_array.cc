@@ -78,17 +78,20 @@ std::uint64_t TProparrayBase::get_idx(const TPropSize& position, bool grow, std:
   TPropSize grown = size_;
   grown.resize(rank, 1);
   bool changed = rank > size_.size();
+  // The all-ones coordinate has no size that holds it: its size would wrap to 0.
+  bool representable = true;
   const bool holds_elements = element_count() > 0;
   for (std::size_t i = 0; i < rank; ++i) {
     if (position[i] < grown[i]) continue;
     if (!grow || (holds_elements && i + 1 != rank)) {
       return report(error, npos, "Index {} out of bounds. ({} >= {})", i, position[i], grown[i]);
     }
+    representable = representable && position[i] != npos;
     grown[i] = position[i] + 1;
     changed = true;
   }
   std::uint64_t count = 0;
-  if (!checked_product(grown, count) || count > element_count() + kMaxGrowth) {
+  if (!representable || !checked_product(grown, count) || count > element_count() + kMaxGrowth) {
     return report(error, npos,
                   "Growing the array to hold index {} exceeds the limit of {} new "
                   "elements at once.",

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "tarnio/props/compare.h"
+#include "tarnio/props/path.h"
 #include "tarnio/props/type_names.h"
 #include "tarnio/props/value_reference.h"
 #include "tarnio/testing/expect_throw_message.h"
@@ -103,6 +105,20 @@ TEST(TProp, CopiesAreDeepAndShareTheInfo) {
   EXPECT_EQ(copy.type_code(), dt::none);  // NOLINT(bugprone-use-after-move): moved from is none
 }
 
+TEST(TProp, DeepTreesCopyCompareOwnAndDestroyWithoutRecursion) {
+  // Structs, cells and struct arrays in turn, deeper than the call stack could follow.
+  std::string path = "m";
+  for (int level = 0; level < 70000; ++level) path += "{1}(0).m";
+  TProp original;
+  original.getp(path, true) = TProp(1.0);
+  TProp copy = original;
+  EXPECT_EQ(copy, original);
+  copy.getp(path) = TProp(2.0);
+  EXPECT_FALSE(Tarn::props::is_equal(copy, original, {.ignore_member_order = true}));
+  copy.own();
+  EXPECT_TRUE(tarn_prop_is_valid_path(path));
+}
+
 TEST(TProp, SwapClearAndLock) {
   TProp a(1), b("x");
   a.swap_value(b);
@@ -177,9 +193,13 @@ TEST(TProparrayBase, IndexErrorsGoToTheSink) {
   }
   EXPECT_EQ(array.shape(), (TPropSize{3, 2}));
   std::string error;
-  EXPECT_EQ(array.get_idx({0, std::uint64_t{1} << 40}, true, &error), npos);
-  EXPECT_NE(error.find("exceeds the limit"), std::string::npos);
-  EXPECT_EQ(array.element_count(), 6u);
+  // Growth never wraps: the all-ones coordinate would need a size of 2^64.
+  for (const TPropSize& position : {TPropSize{0, std::uint64_t{1} << 40}, TPropSize{0, npos},
+                                    TPropSize{0, 0, npos}, TPropSize{0, npos - 1}}) {
+    EXPECT_EQ(array.get_idx(position, true, &error), npos);
+    EXPECT_NE(error.find("exceeds the limit"), std::string::npos) << error;
+    EXPECT_EQ(array.shape(), (TPropSize{3, 2}));
+  }
 }
 
 TEST(TProparrayBase, GrowingKeepsElementsInPlace) {
@@ -317,8 +337,9 @@ TEST(ValueReference, ViewsInPlace) {
   view.get<TProparray<float>>()[1] = 4.5f;
   EXPECT_EQ(value.get<TProparray<float>>()[1], 4.5f);
   EXPECT_EQ(view.type_code(), dt::single | dt::array_flag);
+  // The message names the class asked for, not the one held.
   EXPECT_THROW_MESSAGE(view.get<TProparray<double>>(), std::runtime_error,
-                       "Type mismatch: expected 'single' type.");
+                       "Type mismatch: expected 'double' type.");
   TPropstring text("t");
   Tarn::props::ValueReference raw(&text, dt::char_);
   EXPECT_EQ(raw.get<TPropstring>().to_utf8(), "t");

@@ -228,7 +228,7 @@ TEST(PropertyXml, RefusesWhatXmlCannotCarry) {
                        "The string holds the control character U+0001, which xml cannot carry.\n"
                        "Location:\n/root/item/list/item[3]");
   EXPECT_THROW_MESSAGE(tarn_export_xml(TProp("\xC3")), std::runtime_error,
-                       "The string is not valid UTF-8.\nLocation:\n/root/item");
+                       "Could not convert value to text\nLocation:\n/root/item");
   EXPECT_THROW_MESSAGE(tarn_export_xml(TProp(std::string("a\0b", 3))), std::runtime_error,
                        "The string holds the control character U+0000, which xml cannot carry.\n"
                        "Location:\n/root/item");
@@ -263,6 +263,11 @@ TEST(PropertyXml, ReadsHandWrittenDocuments) {
        struct_of({{"b", TProp()}, {"a", TProp(-4)}})},
       {"<item type=\"cplx_single\">\n <complex im=\"NaN\" re=\"-Inf\"/>\n</item>",
        TProp(std::complex<float>(-INFINITY, NAN))},
+      // "isempty" without "isarr": numbers and cells without elements, empty strings and structs.
+      {"<item type=\"int16\" isempty=\"1\"/>", TProp::array(dt::int16, {0})},
+      {"<item type=\"cell\" isnoarr=\"1\" isempty=\"1\"/>", TProp::cell({0})},
+      {"<item type=\"char\" isempty=\"1\"/>", TProp("")},
+      {"<item type=\"struct\" isempty=\"1\"/>", TProp(TPropstruct{})},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.body);
@@ -310,6 +315,8 @@ TEST(PropertyXml, DamagedDocumentsSayWhatAndWhere) {
        "Invalid value '2 -1' of attribute 'size'." + at_item},
       {"<item type=\"double\" isarr=\"1\" size=\"2\" isempty=\"1\">1 2</item>",
        kSizeMismatch + at_item},
+      {"<item type=\"double\" isempty=\"1\">1</item>", kSizeMismatch + at_item},
+      {"<item type=\"char\" isempty=\"1\">a</item>", kSizeMismatch + at_item},
       {"<item type=\"double\">1,5</item>", "Could not convert \"1,5\" to target type" + at_item},
       {"<item type=\"int8\">128</item>", "Could not convert \"128\" to target type" + at_item},
       {"<item type=\"uint32\" isarr=\"1\" size=\"2\">1 -1</item>",

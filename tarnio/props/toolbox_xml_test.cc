@@ -310,8 +310,10 @@ TEST(ToolboxXml, DamagedDocumentsFailClearly) {
        "Malformed 'complex' element.\nLocation:\n/root"},
       {tb("type=\"sparse\" size=\"2 2\"><item>1</item><item>3</item><item>5</item>"),
        "Sparse index 3 out of range 1 to 2.\nLocation:\n/root"},
-      {tb("type=\"sparse\" size=\"100000 100000\"><item>1</item><item>1</item><item>5</item>"),
-       "Sparse matrix of 100000 x 100000 elements exceeds the limit of 16777216 elements."
+      // What nothing in the text lists one by one is bounded by the size of the text.
+      {tb("type=\"sparse\" size=\"4096 4096\"><item>1</item><item>1</item><item>5</item>"),
+       "Sparse matrix of 4096 x 4096 (16777216 elements) exceeds the limit of 87296 elements "
+       "for its 85 bytes of text."
        "\nLocation:\n/root"},
       {tb("type=\"sparse\" size=\"2 2\"><item>1</item><item>1</item>"),
        "Malformed 'sparse' element.\nLocation:\n/root"},
@@ -326,8 +328,9 @@ TEST(ToolboxXml, DamagedDocumentsFailClearly) {
        "Index 7 out of range of the 1 struct elements.\nLocation:\n/root/b"},
       {tb("type=\"struct\" size=\"1 1\"><a idx=\"x\" type=\"double\">1</a>"),
        "Invalid idx 'x'.\nLocation:\n/root/a"},
-      {tb("type=\"struct\" size=\"1 1000000000000\">"),
-       "Struct array of 1000000000000 elements without members exceeds the limit of 1048576."
+      {tb("type=\"struct\" size=\"1 100000\">"),
+       "Struct array without members (100000 elements) exceeds the limit of 80128 elements "
+       "for its 57 bytes of text."
        "\nLocation:\n/root"},
       {tb("type=\"struct\" size=\"1 1\"><a.b type=\"double\">1</a.b>"),
        "Invalid struct member name 'a.b'.\nLocation:\n/root/a.b"},
@@ -353,8 +356,15 @@ TEST(ToolboxXml, RefusesWhatItCannotWrite) {
   // One level less reads back.
   EXPECT_NO_THROW(kToolbox.read(internal::write_toolbox_xml(deep.getp("a"))));
 
-  EXPECT_THROW_MESSAGE(internal::write_toolbox_xml(TProp("\xff")), std::runtime_error,
-                       "Could not convert value to text");
+  // Text must be UTF-8 and free of the control characters XML 1.0 cannot carry.
+  TProp matrix = TProp::array(dt::char_, {2});
+  matrix.get<TProparray<TPropstring>>()[0] = TPropstring("a\x1b");
+  matrix.get<TProparray<TPropstring>>()[1] = TPropstring("bc");
+  for (const TProp& text : {TProp("\xff"), TProp("a\x01"), TProp(std::string(1, '\0')), matrix}) {
+    EXPECT_THROW_MESSAGE(internal::write_toolbox_xml(struct_of({{"t", text}})), std::runtime_error,
+                         "Could not convert value to text");
+  }
+  EXPECT_EQ(kToolbox.read(internal::write_toolbox_xml(TProp(" \t\r\n "))), TProp(" \t\r\n "));
   TPropstruct bad_name;
   bad_name.set("a b", 1.0);
   EXPECT_THROW_MESSAGE(internal::write_toolbox_xml(TProp(bad_name)), std::runtime_error,

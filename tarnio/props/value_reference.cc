@@ -1,9 +1,7 @@
 #include "tarnio/props/value_reference.h"
 
-#include <fmt/format.h>
-
 #include "tarnio/props/internal/dispatch.h"
-#include "tarnio/props/type_names.h"
+#include "tarnio/props/internal/type_mismatch.h"
 
 namespace Tarn::props {
 
@@ -35,9 +33,8 @@ bool ValueReference::holds(const std::type_info& type) const noexcept {
   return same;
 }
 
-void ValueReference::throw_type_mismatch(const std::type_info&) const {
-  throw std::runtime_error(
-      fmt::format("Type mismatch: expected '{}' type.", type_name(type_, "unknown")));
+void ValueReference::throw_type_mismatch(const std::type_info& wanted) const {
+  internal::throw_type_mismatch(wanted);
 }
 
 }  // namespace Tarn::props

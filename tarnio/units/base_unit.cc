@@ -27,21 +27,30 @@ int checked_exp10(long long k) {
   return static_cast<int>(k);
 }
 
-constexpr std::array<double, 23> kPowersOfTen = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                                 1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
-                                                 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+// The powers of ten that extended precision holds exactly (5^27 < 2^64).
+constexpr std::array<long double, 28> kPowersOfTen = [] {
+  std::array<long double, 28> powers{};
+  long double p = 1;
+  for (long double& power : powers) {
+    power = p;
+    p *= 10;
+  }
+  return powers;
+}();
 
-// `value` × 10^`k`, exact in the power of ten while |k| <= 22.
-double scale_by_ten(double value, int k) {
+// `value` × 10^`k`, exact in the power of ten while |k| <= 27.
+long double scale_by_ten(long double value, int k) {
   const int magnitude = std::abs(k);
-  const double p = magnitude < static_cast<int>(kPowersOfTen.size())
-                       ? kPowersOfTen[static_cast<std::size_t>(magnitude)]
-                       : std::pow(10.0, magnitude);
+  const long double p = magnitude < static_cast<int>(kPowersOfTen.size())
+                            ? kPowersOfTen[static_cast<std::size_t>(magnitude)]
+                            : std::pow(10.0L, static_cast<long double>(magnitude));
   return k >= 0 ? value * p : value / p;
 }
 
-bool close(double a, double b) {
-  return std::abs(a - b) <= 1e-12 * std::max(std::abs(a), std::abs(b));
+// Equal within 1e-12 relative; a scale that over- or underflowed equals nothing.
+bool close(long double a, long double b) {
+  if (!std::isfinite(a) || !std::isfinite(b) || (a == 0) != (b == 0)) return false;
+  return std::abs(a - b) <= 1e-12L * std::max(std::abs(a), std::abs(b));
 }
 
 BaseUnit::Exponents combine(const BaseUnit::Exponents& a, const BaseUnit::Exponents& b, int sign) {
@@ -100,9 +109,9 @@ class UnitParser {
  private:
   struct Term {
     BaseUnit::Exponents exponents{};
-    double factor = 1.0;
+    long double factor = 1.0L;
     int exp10 = 0;
-    double offset = 0.0;
+    long double offset = 0.0L;
   };
 
   static bool is_blank(char c) { return c == ' ' || c == '\t'; }
@@ -260,7 +269,7 @@ class UnitParser {
       if (std::abs(e) > kMaxExponent) fail_syntax();
       t.exponents[i] = static_cast<std::int8_t>(e);
     }
-    t.factor = std::pow(base.factor, n);
+    t.factor = std::pow(base.factor, static_cast<long double>(n));
     const long long exp10 = static_cast<long long>(base.exp10) * n;
     if (!exp10_in_range(exp10)) fail_syntax();
     t.exp10 = static_cast<int>(exp10);
@@ -276,7 +285,7 @@ class UnitParser {
   std::size_t leading_blanks_ = 0;
 };
 
-BaseUnit::BaseUnit(const Exponents& exponents, double factor, int exp10, double offset,
+BaseUnit::BaseUnit(const Exponents& exponents, long double factor, int exp10, long double offset,
                    std::string symbol)
     : exponents_(exponents),
       factor_(factor),
@@ -290,19 +299,34 @@ BaseUnit internal::parse_unit_of_value(std::string_view value_text, std::size_t 
   return UnitParser(value_text, unit_start).parse(true);
 }
 
-double BaseUnit::scale() const { return scale_by_ten(factor_, exp10_); }
+double BaseUnit::scale() const { return static_cast<double>(scale_by_ten(factor_, exp10_)); }
 
 bool BaseUnit::is_dimensionless() const { return exponents_ == Exponents{}; }
 
-double BaseUnit::convert(double value, const BaseUnit& target) const {
+BaseUnit BaseUnit::difference_unit() const {
+  if (!is_shifted()) return *this;
+  const auto steps = internal::find_unshifted_symbol(exponents_, factor_, exp10_);
+  return BaseUnit(exponents_, factor_, exp10_, 0, std::string(steps.value_or(symbol_)));
+}
+
+void BaseUnit::check_compatible(const BaseUnit& target) const {
   if (!is_compatible(target)) {
     throw std::invalid_argument("Cannot convert '" + symbol_ + "' to '" + target.symbol_ +
                                 "': incompatible units.");
   }
-  if (offset_ == 0.0 && target.offset_ == 0.0) {
-    return scale_by_ten(value * (factor_ / target.factor_), exp10_ - target.exp10_);
-  }
-  return (value * scale() + offset_ - target.offset_) / target.scale();
+}
+
+double BaseUnit::convert(double value, const BaseUnit& target) const {
+  check_compatible(target);
+  if (offset_ == 0 && target.offset_ == 0) return convert_difference(value, target);
+  const long double si = scale_by_ten(value * factor_, exp10_) + offset_;
+  return static_cast<double>(scale_by_ten((si - target.offset_) / target.factor_, -target.exp10_));
+}
+
+double BaseUnit::convert_difference(double value, const BaseUnit& target) const {
+  check_compatible(target);
+  return static_cast<double>(
+      scale_by_ten(value * (factor_ / target.factor_), exp10_ - target.exp10_));
 }
 
 BaseUnit operator*(const BaseUnit& a, const BaseUnit& b) {
@@ -350,8 +374,8 @@ BaseUnit BaseUnit::pow(int n) const {
     symbol = is_compound(symbol_) ? "(" + symbol_ + ")^" : symbol_ + "^";
     symbol += std::to_string(n);
   }
-  return BaseUnit(e, std::pow(factor_, n), checked_exp10(static_cast<long long>(exp10_) * n), 0.0,
-                  std::move(symbol));
+  return BaseUnit(e, std::pow(factor_, static_cast<long double>(n)),
+                  checked_exp10(static_cast<long long>(exp10_) * n), 0.0, std::move(symbol));
 }
 
 bool operator==(const BaseUnit& a, const BaseUnit& b) {

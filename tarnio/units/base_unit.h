@@ -21,7 +21,9 @@
 // such a unit stands for its temperature difference (°C/s is K/s).
 //
 // The scale is held as a factor times a power of ten, so that conversions between prefixed
-// units multiply by exact powers of ten (1.5 µm is exactly 1500 nm).
+// units multiply by exact powers of ten (1.5 µm is exactly 1500 nm). Factors and offsets are
+// held in extended precision and a conversion rounds to double once, so that conversions
+// between shifted scales give the decimal result where there is one (20 °C is 68 °F).
 //
 // Values are immutable and cheap to copy; const operations are thread-safe.
 
@@ -59,7 +61,8 @@ class TARNIO_EXPORT BaseUnit {
   // A unit of scale `factor` × 10^`exp10` to SI, and `offset` (in SI units) added after
   // scaling; `symbol` is what to_string() returns. Throws std::invalid_argument "Unit exponent
   // out of range." when |exp10| > 4096.
-  BaseUnit(const Exponents& exponents, double factor, int exp10, double offset, std::string symbol);
+  BaseUnit(const Exponents& exponents, long double factor, int exp10, long double offset,
+           std::string symbol);
 
   // Parses a unit text (see above); leading and trailing blanks are ignored and an empty text
   // is the dimensionless unit. Throws std::runtime_error "Unknown unit 'X' at position N of
@@ -71,7 +74,12 @@ class TARNIO_EXPORT BaseUnit {
   int exponent(Dimension d) const { return exponents_[static_cast<std::size_t>(d)]; }
   // Multiply by scale() and add offset() to get the value in SI units.
   double scale() const;
-  double offset() const { return offset_; }
+  double offset() const { return static_cast<double>(offset_); }
+  // A temperature scale whose zero is not absolute zero (°C, °F).
+  bool is_shifted() const { return offset_ != 0; }
+  // The unit of differences between values of this unit: itself, or for a shifted scale the
+  // unit of the same step from absolute zero (K for °C, °R for °F).
+  BaseUnit difference_unit() const;
   const std::string& to_string() const { return symbol_; }
 
   bool is_dimensionless() const;
@@ -81,6 +89,9 @@ class TARNIO_EXPORT BaseUnit {
   // `value` in this unit expressed in `target`. Throws std::invalid_argument
   // "Cannot convert 'FROM' to 'TO': incompatible units." when the dimensions differ.
   double convert(double value, const BaseUnit& target) const;
+  // A difference of `value` in this unit expressed in `target`: offsets play no part (1 K is
+  // a step of 1 °C). Throws as convert does.
+  double convert_difference(double value, const BaseUnit& target) const;
 
   // Products, quotients and integer powers. Throws std::invalid_argument "Unit exponent out of
   // range." when an exponent would leave ±64.
@@ -95,10 +106,12 @@ class TARNIO_EXPORT BaseUnit {
  private:
   friend class UnitParser;
 
+  void check_compatible(const BaseUnit& target) const;
+
   Exponents exponents_{};
-  double factor_ = 1.0;
+  long double factor_ = 1.0L;
   int exp10_ = 0;
-  double offset_ = 0.0;
+  long double offset_ = 0.0L;
   std::string symbol_;
 };
 

@@ -20,7 +20,7 @@ RuntimeValue::RuntimeValue(double value, std::string_view unit)
 RuntimeValue RuntimeValue::parse(std::string_view text) {
   std::string_view rest = text;
   while (!rest.empty() && (rest.front() == ' ' || rest.front() == '\t')) rest.remove_prefix(1);
-  if (rest.empty()) return RuntimeValue();
+  if (rest.empty()) throw std::runtime_error("Invalid value '" + std::string(text) + "'.");
   const bool plus = rest.front() == '+';
   if (plus) rest.remove_prefix(1);
   double value = 1.0;
@@ -58,11 +58,12 @@ RuntimeValue operator/(const RuntimeValue& a, const RuntimeValue& b) {
 }
 
 RuntimeValue operator+(const RuntimeValue& a, const RuntimeValue& b) {
-  return {a.value_ + b.value_in(a.unit_), a.unit_};
+  return {a.value_ + b.unit_.convert_difference(b.value_, a.unit_), a.unit_};
 }
 
 RuntimeValue operator-(const RuntimeValue& a, const RuntimeValue& b) {
-  return {a.value_ - b.value_in(a.unit_), a.unit_};
+  if (b.unit_.is_shifted()) return {a.value_ - b.value_in(a.unit_), a.unit_.difference_unit()};
+  return {a.value_ - b.unit_.convert_difference(b.value_, a.unit_), a.unit_};
 }
 
 bool operator==(const RuntimeValue& a, const RuntimeValue& b) {

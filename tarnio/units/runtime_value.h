@@ -5,13 +5,17 @@
 // dimensionless unit.
 //
 // Text form: the number, a blank, the unit text (see base_unit.h); "1.5um" and "um" (read as
-// 1 µm) parse too, and a dimensionless value is just its number. Numbers are formatted in the
+// 1 µm) parse too, and a dimensionless value is just its number. A text without number and
+// unit ("", blanks) is no value. Numbers are formatted in the
 // shortest form that reads back to the same double.
 //
 // Arithmetic: * and / combine the units; + and - convert the right operand into the unit of
-// the left one; pow() raises to an integer power. Comparisons compare the quantities, across
-// units of one dimension, with a relative tolerance of 1e-12 for ==; == between different
-// dimensions is false and ordering between them throws.
+// the left one; pow() raises to an integer power. On temperature scales the right operand of +
+// and - is a difference (10 °C + 1 K is 11 °C, 20 °C - 5 K is 15 °C), except that subtracting
+// a temperature on a shifted scale gives the difference of the two temperatures in the steps of
+// the left one's scale (20 °C - 10 °C is 10 K, 300 K - 20 °C is 6.85 K, 68 °F - 20 °C is 0 °R).
+// Comparisons compare the quantities, across units of one dimension, with a relative tolerance of
+// 1e-12 for ==; == between different dimensions is false and ordering between them throws.
 //
 // Values are cheap to copy; const operations are thread-safe.
 
@@ -31,8 +35,8 @@ class TARNIO_EXPORT RuntimeValue {
   // Throws std::runtime_error as BaseUnit::parse does.
   RuntimeValue(double value, std::string_view unit);
 
-  // Throws std::runtime_error "Invalid value 'TEXT'." for a malformed number, else as
-  // BaseUnit::parse does.
+  // Throws std::runtime_error "Invalid value 'TEXT'." for a malformed number or a text of
+  // nothing but blanks, else as BaseUnit::parse does.
   static RuntimeValue parse(std::string_view text);
 
   double value() const { return value_; }

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tarnio/testing/expect_throw_message.h"
@@ -155,9 +156,28 @@ TEST(RuntimeValue, ConvertsBetweenCompatibleUnits) {
     // Converting back lands on the start.
     EXPECT_EQ(v.in(RuntimeValue::parse(c.from).unit()), RuntimeValue::parse(c.from));
   }
-  // Decimal prefixes convert exactly.
-  EXPECT_EQ(RuntimeValue::parse("1.5 um").in("nm").to_string(), "1500 nm");
-  EXPECT_EQ(RuntimeValue::parse("1500 nm").in("um").to_string(), "1.5 µm");
+  // Decimal prefixes convert exactly, and so do shifted scales where the result is decimal.
+  const std::pair<std::string_view, std::string_view> exact[] = {
+      {"1.5 um", "1500 nm"}, {"1500 nm", "1.5 µm"}, {"20 °C", "68 °F"},      {"68 °F", "20 °C"},
+      {"37 °C", "98.6 °F"},  {"98.6 °F", "37 °C"},  {"-40 °F", "-40 °C"},    {"100 °C", "212 °F"},
+      {"0 °C", "273.15 K"},  {"273.15 K", "0 °C"},  {"20.5 °C", "293.65 K"}, {"293.15 K", "20 °C"},
+  };
+  for (const auto& [from, to] : exact) {
+    const RuntimeValue expected = RuntimeValue::parse(to);
+    EXPECT_EQ(RuntimeValue::parse(from).in(expected.unit()).to_string(), expected.to_string());
+  }
+}
+
+TEST(RuntimeValue, TemperatureDifferencesAreDifferences) {
+  const auto value = [](std::string_view text) { return RuntimeValue::parse(text); };
+  const std::pair<RuntimeValue, std::string_view> cases[] = {
+      {value("10 °C") + value("1 K"), "11 °C"},  {value("10 °C") + value("1 °C"), "11 °C"},
+      {value("20 °C") - value("5 K"), "15 °C"},  {value("50 °F") + value("9 °R"), "59 °F"},
+      {value("20 °C") - value("10 °C"), "10 K"}, {value("68 °F") - value("20 °C"), "0 °R"},
+      {value("77 °F") - value("5 °C"), "36 °R"}, {value("300 K") - value("290 K"), "10 K"},
+  };
+  for (const auto& [result, expected] : cases) EXPECT_EQ(result.to_string(), expected);
+  EXPECT_EQ(value("300 K") - value("20 °C"), value("6.85 K"));
 }
 
 TEST(RuntimeValue, IncompatibleDimensionsNameBothUnits) {
@@ -186,7 +206,7 @@ TEST(RuntimeValue, ParsesAndFormats) {
       {"1.5 um", "1.5 µm"},   {"1.5um", "1.5 µm"},
       {"um", "1 µm"},         {"-3e-2 m/s", "-0.03 m/s"},
       {"+2 s", "2 s"},        {"2/s", "2 1/s"},
-      {"42", "42"},           {"", "1"},
+      {"42", "42"},           {"-1", "-1"},
       {" 7 K ", "7 K"},       {"0.1 mm Hg", "0.1 mm Hg"},
       {"1e-07 m", "1e-07 m"},
   };
@@ -257,8 +277,13 @@ TEST(BaseUnit, MalformedTextIsRejectedClearly) {
   // Powers of dimensionless units are bounded too.
   EXPECT_THROW(BaseUnit::parse("(((((%^64)^64)^64)^64)^64)"), std::runtime_error);
   EXPECT_THROW(BaseUnit::parse("ppm").pow(64).pow(64), std::invalid_argument);
-  EXPECT_THROW_MESSAGE(RuntimeValue::parse("1e999 m"), std::runtime_error,
-                       "Invalid value '1e999 m'.");
+  for (const std::string_view text : {"1e999 m", "", "  ", "\t", "+"}) {
+    EXPECT_THROW_MESSAGE(RuntimeValue::parse(text), std::runtime_error,
+                         "Invalid value '" + std::string(text) + "'.");
+  }
+  // A scale beyond the range of numbers equals no other scale.
+  EXPECT_NE(BaseUnit::parse("(Ym/m)^64"), BaseUnit());
+  EXPECT_NE(BaseUnit({}, 1, 4096, 0, "big"), BaseUnit({}, 1, -4096, 0, "small"));
   EXPECT_THROW_MESSAGE(BaseUnit::parse("m").pow(65), std::invalid_argument,
                        "Unit exponent out of range.");
 }

@@ -48,7 +48,8 @@ std::string read_input(const std::string& name) {
   throw std::runtime_error(fmt::format("Could not read '{}': {}", name, std::strerror(errno)));
 }
 
-// XML when the first character after blanks (and a byte order mark) is '<', else JSON.
+// XML when the first character after blanks (and a byte order mark) is '<', else JSON. The XML
+// reader takes the mark itself; JSON text has none, so it is dropped.
 TProp parse_document(const std::string& text) {
   std::string_view rest = text;
   if (rest.starts_with("\xEF\xBB\xBF")) rest.remove_prefix(3);
@@ -56,7 +57,7 @@ TProp parse_document(const std::string& text) {
   if (first != std::string_view::npos && rest[first] == '<') {
     return tarn_import_xml(text, xml_format::detect);
   }
-  return tarn_import_json(text);
+  return tarn_import_json(std::string(rest));
 }
 
 std::string with_line_end(std::string text) {

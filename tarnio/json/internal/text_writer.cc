@@ -4,6 +4,9 @@
 
 #include <array>
 #include <cmath>
+#include <stdexcept>
+
+#include "tarnio/strings/internal/encoding.h"
 
 namespace JSON::internal {
 namespace {
@@ -106,6 +109,10 @@ void TextWriter::new_line() {
 
 void TextWriter::append_string(std::string_view text) {
   constexpr std::string_view kHex = "0123456789abcdef";
+  // JSON text is Unicode: bytes that are no UTF-8 have no escape that would bring them back.
+  if (!Tarn::strings::internal::is_valid_utf8(text)) {
+    throw std::runtime_error("JSON write error: a string or key is not valid UTF-8.");
+  }
   out_.push_back('"');
   std::size_t copied = 0;
   for (std::size_t at = 0; at < text.size(); ++at) {

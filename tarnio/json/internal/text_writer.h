@@ -4,8 +4,10 @@
 // scalars), as JSON::write writes a tree and as other forms (the property tree's) write straight
 // to text without building a tree first. One layout for all: compact for indent < 0, else one
 // member or item per line indented by `indent` spaces per level with ": " after keys; strings
-// escaped as JSON requires; doubles in the shortest form that reads back, keeping a '.' or an
-// exponent (1.0 is "1.0"), and null for NaN and infinities, which JSON cannot express.
+// escaped as JSON requires, and refused when they are not valid UTF-8 (std::runtime_error
+// "JSON write error: a string or key is not valid UTF-8."); doubles in the shortest form that reads
+// back, keeping a '.' or an exponent (1.0 is "1.0"), and null for NaN and infinities, which JSON
+// cannot express.
 
 #include <cstddef>
 #include <cstdint>

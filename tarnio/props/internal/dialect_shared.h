@@ -1,7 +1,7 @@
 #pragma once
 
-// What the toolbox and LabVIEW dialect readers and writers share: the messages of values that
-// have no form in them, and the checked element count of a shape read from a document.
+// What the dialect readers and writers share: the messages of values that have no form in them
+// and of text they cannot write, and the checked element count of a shape read from a document.
 
 #include <algorithm>
 #include <cstdint>

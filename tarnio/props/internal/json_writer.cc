@@ -27,13 +27,6 @@
 namespace Tarn::props::internal {
 namespace {
 
-bool is_valid_text(std::string_view text) {
-  for (const char c : text) {
-    if (static_cast<unsigned char>(c) >= 0x80) return is_valid_utf8(text);
-  }
-  return true;
-}
-
 // The shortest text of a float as a double that rounds back to it (0.1f is 0.1), else the
 // float's exact value.
 double shortest_float(float value) {
@@ -362,7 +355,7 @@ class Writer {
   }
 
   void check_text(std::string_view text) {
-    if (!is_valid_text(text)) fail("text is not valid UTF-8");
+    if (!is_valid_utf8(text)) fail("text is not valid UTF-8");
   }
 
   [[noreturn]] void fail(std::string_view reason) const {

@@ -36,9 +36,9 @@
 //   element; a single cell: LvVariant; "none" and "empty": an empty LvVariant. Empty arrays carry
 //   one template element (0, "", an empty Cluster or an empty LvVariant).
 // - the text is UTF-8; only '&', '<' and '>' are escaped, and CR as a character reference so
-//   that it survives the line-end normalisation of readers. The declaration is LabVIEW's own,
-//   "<?xml version='1.0' standalone='yes' ?>"; a document with characters beyond ASCII also
-//   names its encoding there: "<?xml version='1.0' encoding='UTF-8' standalone='yes' ?>".
+//   that it survives the line-end normalisation of readers. The declaration is LabVIEW's own
+//   with the encoding named, so that no reader takes the text for another code page:
+//   "<?xml version='1.0' encoding='UTF-8' standalone='yes' ?>".
 // - elements are indented by four spaces per level, one element per line.
 // - dropped: ids, info, user bits, the difference between char arrays and cells of char, and
 //   between "none", "empty" and a single cell around "none".
@@ -541,11 +541,7 @@ class Writer {
     out_ = "<LVData xmlns=\"http://www.ni.com/LVData\">\n    <Version>8.2.1</Version>\n";
     write(value, "", 1);
     out_ += "</LVData>\n";
-    const bool ascii =
-        std::none_of(out_.begin(), out_.end(), [](char c) { return (c & 0x80) != 0; });
-    return (ascii ? "<?xml version='1.0' standalone='yes' ?>\n"
-                  : "<?xml version='1.0' encoding='UTF-8' standalone='yes' ?>\n") +
-           out_;
+    return "<?xml version='1.0' encoding='UTF-8' standalone='yes' ?>\n" + out_;
   }
 
  private:

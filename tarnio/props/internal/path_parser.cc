@@ -85,7 +85,9 @@ bool parse_index_segment(std::string_view segment, TPropSize& indices, std::stri
     const std::string_view number = inside.substr(start, at - start);
     std::uint64_t value = 0;
     const auto [end, status] = std::from_chars(number.data(), number.data() + number.size(), value);
-    if (number.empty() || status != std::errc{} || end != number.data() + number.size()) {
+    // The all-ones value is the failure value of an index, never an index.
+    if (number.empty() || status != std::errc{} || end != number.data() + number.size() ||
+        value == TProparrayBase::npos) {
       return report(error, false, "Invalid index '{}' specified in segment '{}'.", number, segment);
     }
     indices.push_back(value);

@@ -24,7 +24,9 @@
 //   by single blanks (commas are read as well), and "userbits" its user bits (also written on
 //   a scalar whose user bits are not 0).
 // - "isnoarr" "1": a single cell (a cell value of rank 0). A cell without "isarr" is one too.
-// - "isempty" "1": an "empty" value, and an array without elements.
+// - "isempty" "1": an "empty" value, and an array without elements. On a value without
+//   "isarr" it makes a number or cell an array of its kind without elements (size 0); a string
+//   or struct so marked must be empty.
 // - "idx": the one-based position of an element of a cell, char or struct array.
 // - "id", "unit", "description": the id (when not 0) and the info record (when not empty).
 // Content:
@@ -36,7 +38,8 @@
 // - char as its text; '&', '<', '>' and carriage returns are written as references, so that
 //   blanks, tabs and line breaks read back exactly. XML cannot carry the other control
 //   characters (U+0001 to U+001F but tab, line feed and carriage return): a string holding one
-//   is refused on export and on import, as is text that is not valid UTF-8.
+//   is refused on export and on import, as is text that is not valid UTF-8 (on export with
+//   "Could not convert value to text").
 // - struct: one child per member in member order; char, cell and struct arrays: one "item"
 //   child per element in column-major order.
 // Text is indented by four spaces per level, with a line feed after each element.
@@ -61,6 +64,7 @@
 #include <utility>
 #include <vector>
 
+#include "tarnio/props/internal/dialect_shared.h"
 #include "tarnio/props/internal/dispatch.h"
 #include "tarnio/props/internal/kind_names.h"
 #include "tarnio/props/internal/number_text.h"
@@ -81,10 +85,6 @@ constexpr std::string_view kBlanks = " \t\r\n";
 
 bool is_blank(std::string_view text) {
   return text.find_first_not_of(kBlanks) == std::string_view::npos;
-}
-
-bool is_forbidden_control(unsigned char c) {
-  return c < 0x20 && c != '\t' && c != '\n' && c != '\r';
 }
 
 // The reference written for `c`, or null when it is written as it is. A carriage return would
@@ -325,7 +325,7 @@ class PropertyWriter {
   // Appends `text` with the references it needs; `what` names it in messages.
   void append_text(std::string_view text, bool in_attribute, std::string_view what,
                    const Place& place) {
-    if (!is_valid_utf8(text)) throw_at(place, fmt::format("The {} is not valid UTF-8.", what));
+    if (!is_valid_utf8(text)) throw_at(place, kBadDialectText);
     for (const char c : text) {
       if (const char* reference = reference_for(c, in_attribute)) {
         out_ += reference;
@@ -636,10 +636,16 @@ class PropertyReader {
       case dt::char_:
         value = is_array ? read_array<TPropstring>(element, attributes, kind)
                          : TProp(read_string(element));
+        if (!is_array && flag_attribute(attributes.isempty) && !value.empty()) {
+          throw std::runtime_error(kSizeMismatch);
+        }
         break;
       case dt::struct_:
         value = is_array ? read_array<TPropstruct>(element, attributes, kind)
                          : TProp(read_struct(element));
+        if (!is_array && flag_attribute(attributes.isempty) && !value.s().empty()) {
+          throw std::runtime_error(kSizeMismatch);
+        }
         break;
       case dt::cell:
         if (is_array && flag_attribute(attributes.isnoarr)) {
@@ -682,6 +688,10 @@ class PropertyReader {
       if (flag_attribute(attributes.isempty) && count != 0) {
         throw std::runtime_error(kSizeMismatch);
       }
+    } else if (flag_attribute(attributes.isempty)) {
+      // A single value marked empty is an array of its kind without elements.
+      shape = {0};
+      count = 0;
     }
     if constexpr (is_complex_element<T>) {
       const auto [real, imaginary] = complex_parts(element);

@@ -10,16 +10,18 @@
 // Import:
 // - types: double (aliases "numeric", "integer", "float"), single, int8 ... uint64, boolean
 //   ("logical"), char ("string"), struct, cell, complex (two items: real and imaginary parts),
-//   sparse (a 2-d size and three items: one-based rows, columns and values; made dense, at
-//   most kMaxSparseElements elements). An element without "type" is a struct when it has child
+//   sparse (a 2-d size and three items: one-based rows, columns and values; made dense). An
+//   element without "type" is a struct when it has child
 //   elements, and otherwise char, or double for the parts of complex and sparse values.
 // - a size whose entries are all 1 gives the single value: a scalar, a struct, a single cell;
 //   a missing size gives a row of the elements read (one element: the single value; none:
 //   0x0).
 // - a missing idx, or idx 0, is the element after the previous one; for a struct member it is
 //   the element after the one where the member last appeared.
-// - struct arrays must give every member for every element; one without members may have at
-//   most kMaxMemberlessElements elements.
+// - struct arrays must give every member for every element.
+// - a dense sparse matrix and a struct array without members, whose element counts nothing in
+//   the document backs, may have at most element_budget() elements: a fixed allowance plus a
+//   number per byte of the element's text, so that what a document allocates grows with it.
 // - char: an R x C matrix with R > 1 is a char array of its R rows (R x 1), split in UTF-16
 //   units as the size counts them; other char values are one string, whatever the size says.
 // - text that is not UTF-8 is read as Windows-1252 (legacy_text.h).
@@ -28,7 +30,9 @@
 // - sizes have at least two entries (a rank-1 array of N is N x 1, a scalar 1 x 1);
 // - logical is "boolean"; RGB is "uint8" with the three colour bytes as the first dimension
 //   (3 x the shape); RGB32 is "uint32"; "none" and "empty" are "double" 0x0;
-// - a string is "char" of size 1 x N (N in UTF-16 units; "" is 0 x 0); a char array that is a
+// - a string is "char" of size 1 x N (N in UTF-16 units; "" is 0 x 0); text that is not UTF-8
+//   or holds a control character other than tab, line feed and carriage return has no form
+//   ("Could not convert value to text"); a char array that is a
 //   column of two or more strings of one non-zero length is a char matrix, any other char array
 //   a cell of char;
 // - struct arrays list, for every element, the members of all elements (in the order met); a
@@ -44,6 +48,7 @@
 #include <complex>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -68,10 +73,9 @@
 namespace Tarn::props::internal {
 namespace {
 
-// A struct array without members has nothing in the document that backs its element count.
-constexpr std::uint64_t kMaxMemberlessElements = std::uint64_t{1} << 20;
-// The largest dense array a sparse matrix is made into.
-constexpr std::uint64_t kMaxSparseElements = std::uint64_t{1} << 24;
+// The elements an element may make beyond what its text lists (see element_budget).
+constexpr std::uint64_t kFreeElements = 65536;
+constexpr std::uint64_t kElementsPerTextByte = 256;
 
 constexpr const char* kMalformedComplex = "Malformed 'complex' element.";
 constexpr const char* kMalformedSparse = "Malformed 'sparse' element.";
@@ -155,6 +159,41 @@ std::uint64_t parse_index(const pugi::xml_node& element) {
     throw LocatedXmlError(fmt::format("Invalid idx '{}'.", attribute.value()), element);
   }
   return index;
+}
+
+// The bytes of names, attributes and text in and below `element`: about the size of its text.
+std::uint64_t text_size(const pugi::xml_node& element) {
+  struct Counter final : pugi::xml_tree_walker {
+    bool for_each(pugi::xml_node& node) override {
+      add(node);
+      return true;
+    }
+    void add(const pugi::xml_node& node) {
+      bytes += std::strlen(node.name()) + std::strlen(node.value()) + 2;
+      for (const pugi::xml_attribute attribute : node.attributes()) {
+        bytes += std::strlen(attribute.name()) + std::strlen(attribute.value()) + 4;
+      }
+    }
+    std::uint64_t bytes = 0;
+  } counter;
+  counter.add(element);
+  pugi::xml_node below = element;
+  below.traverse(counter);
+  return counter.bytes;
+}
+
+// The most elements `element` may make where nothing in it lists them one by one; past it,
+// std::runtime_error "{what} ({count} elements) exceeds the limit of {budget} elements for its
+// {size} bytes of text."
+void check_element_budget(const pugi::xml_node& element, std::string_view what,
+                          std::uint64_t count) {
+  const std::uint64_t size = text_size(element);
+  const std::uint64_t budget = kFreeElements + kElementsPerTextByte * size;
+  if (count > budget) {
+    throw std::runtime_error(
+        fmt::format("{} ({} elements) exceeds the limit of {} elements for its {} bytes of text.",
+                    what, count, budget, size));
+  }
 }
 
 std::vector<pugi::xml_node> child_elements(const pugi::xml_node& element) {
@@ -308,11 +347,7 @@ class Reader {
       last_element = std::max(last_element, index);
     }
     std::uint64_t count = size ? *element_count(*size) : std::max<std::uint64_t>(last_element, 1);
-    if (members.empty() && count > kMaxMemberlessElements) {
-      throw std::runtime_error(
-          fmt::format("Struct array of {} elements without members exceeds the limit of {}.", count,
-                      kMaxMemberlessElements));
-    }
+    if (members.empty()) check_element_budget(element, "Struct array without members", count);
     // Every member once in every element, which bounds the count by the children.
     for (MemberEntries& member : members) {
       std::stable_sort(member.entries.begin(), member.entries.end(),
@@ -443,11 +478,8 @@ class Reader {
     if (!size || size->size() != 2) throw std::runtime_error(kMalformedSparse);
     const TPropSize& shape = *size;
     const std::optional<std::uint64_t> dense = element_count(shape);
-    if (!dense || *dense > kMaxSparseElements) {
-      throw std::runtime_error(
-          fmt::format("Sparse matrix of {} x {} elements exceeds the limit of {} elements.",
-                      shape[0], shape[1], kMaxSparseElements));
-    }
+    check_element_budget(element, fmt::format("Sparse matrix of {} x {}", shape[0], shape[1]),
+                         *dense);
     // Positions as zero-based indices into the dense matrix.
     const auto position = [](double one_based, std::uint64_t extent) {
       if (!(one_based >= 1 && one_based <= static_cast<double>(extent) && one_based < 1e18) ||
@@ -523,6 +555,15 @@ class Writer {
 
   static TPropSize matrix_shape(const TProparrayBase& array) { return array.get_size(true); }
 
+  // Text that is not UTF-8, or that holds a character XML 1.0 cannot carry, has no form.
+  static void check_text(std::string_view text) {
+    if (!is_valid_utf8(text) || std::any_of(text.begin(), text.end(), [](char c) {
+          return is_forbidden_control(static_cast<unsigned char>(c));
+        })) {
+      throw std::runtime_error(kBadDialectText);
+    }
+  }
+
   void write(const TProp& value, std::string_view name, std::uint64_t index, int depth) {
     const DataType code = value.type_code();
     if (code == dt::none || code == dt::empty) {
@@ -551,7 +592,7 @@ class Writer {
   }
 
   void write_text(const std::string& text, std::string_view name, std::uint64_t index, int depth) {
-    if (!is_valid_utf8(text)) throw std::runtime_error(kBadDialectText);
+    check_text(text);
     const std::size_t length = utf16_length(text);
     open(name, index, depth, "char", length == 0 ? TPropSize{0, 0} : TPropSize{1, length});
     if (length == 0) return close_empty();
@@ -567,7 +608,7 @@ class Writer {
         texts.element_count() >= 2 && (shape.size() == 1 || (shape.size() == 2 && shape[1] == 1));
     std::vector<std::u16string> rows;
     for (std::size_t i = 0; matrix && i < texts.element_count(); ++i) {
-      if (!is_valid_utf8(texts[i].to_utf8())) throw std::runtime_error(kBadDialectText);
+      check_text(texts[i].to_utf8());
       rows.push_back(boost::locale::conv::utf_to_utf<char16_t>(texts[i].to_utf8()));
       matrix = !rows.back().empty() && rows.back().size() == rows.front().size();
     }

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <boost/locale/utf.hpp>
 #include <cstddef>
 #include <vector>
 
@@ -91,17 +90,6 @@ void parse_document(pugi::xml_document& document, std::string_view text) {
   if (depth_check.too_deep) {
     throw std::runtime_error(fmt::format("Xml nesting deeper than {} levels.", kMaxXmlDepth));
   }
-}
-
-bool is_valid_utf8(std::string_view text) noexcept {
-  using utf = boost::locale::utf::utf_traits<char>;
-  const char* position = text.data();
-  const char* const end = position + text.size();
-  while (position != end) {
-    const boost::locale::utf::code_point c = utf::decode(position, end);
-    if (c == boost::locale::utf::illegal || c == boost::locale::utf::incomplete) return false;
-  }
-  return true;
 }
 
 }  // namespace Tarn::props::internal

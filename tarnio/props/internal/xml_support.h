@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "tarnio/strings/internal/encoding.h"
+
 namespace Tarn::props::internal {
 
 // The element's path from the root, each step with its one-based place among the siblings of
@@ -41,7 +43,12 @@ pugi::xml_attribute required_attribute(const pugi::xml_node& element, const char
 // kMaxXmlDepth are "Xml nesting deeper than {kMaxXmlDepth} levels.".
 void parse_document(pugi::xml_document& document, std::string_view text);
 
-// Whether `text` is valid UTF-8.
-bool is_valid_utf8(std::string_view text) noexcept;
+using Tarn::strings::internal::is_valid_utf8;
+
+// The characters that XML 1.0 cannot carry, not even as references: U+0000 to U+001F but tab,
+// line feed and carriage return.
+inline bool is_forbidden_control(unsigned char c) noexcept {
+  return c < 0x20 && c != '\t' && c != '\n' && c != '\r';
+}
 
 }  // namespace Tarn::props::internal

@@ -35,8 +35,9 @@ constexpr BaseUnit::Exponents kPotential =
     exps({.length = 2, .mass = 1, .time = -3, .current = -1});
 constexpr BaseUnit::Exponents kAngle = exps({.angle = 1});
 
-constexpr double kInch = 0.0254;
-constexpr double kPi = std::numbers::pi;
+constexpr long double kInch = 0.0254L;
+constexpr long double kPi = std::numbers::pi_v<long double>;
+constexpr long double kCelsiusZero = 273.15;
 
 // clang-format off
 constexpr std::array kSymbols = {
@@ -52,7 +53,7 @@ constexpr std::array kSymbols = {
     UnitSymbol{"N", "N", kForce, 1, 0, 0, true},
     UnitSymbol{"Pa", "Pa", kPressure, 1, 0, 0, true},
     UnitSymbol{"J", "J", kEnergy, 1, 0, 0, true},
-    UnitSymbol{"eV", "eV", kEnergy, 1.602176634, -19, 0, true},
+    UnitSymbol{"eV", "eV", kEnergy, 1.602176634L, -19, 0, true},
     UnitSymbol{"W", "W", kPower, 1, 0, 0, true},
     UnitSymbol{"V", "V", kPotential, 1, 0, 0, true},
     UnitSymbol{"l", "l", kVolume, 1, -3, 0, true},
@@ -61,17 +62,18 @@ constexpr std::array kSymbols = {
     UnitSymbol{"min", "min", kTime, 60, 0, 0, false},
     UnitSymbol{"h", "h", kTime, 3600, 0, 0, false},
     UnitSymbol{"d", "d", kTime, 86400, 0, 0, false},
-    // Temperature scales; the offset is the SI value of their zero.
-    UnitSymbol{"°C", "°C", kTemperature, 1, 0, 273.15, false},
-    UnitSymbol{"°F", "°F", kTemperature, 5.0 / 9.0, 0, 273.15 - 32.0 * 5.0 / 9.0, false},
-    UnitSymbol{"°R", "°R", kTemperature, 5.0 / 9.0, 0, 0, false},
+    // Temperature scales; the offset is the SI value of their zero. The zero of °C is the
+    // double that "273.15 K" reads as, so that kelvins and °C convert exactly both ways.
+    UnitSymbol{"°C", "°C", kTemperature, 1, 0, kCelsiusZero, false},
+    UnitSymbol{"°F", "°F", kTemperature, 5.0L / 9, 0, kCelsiusZero - 32.0L * 5 / 9, false},
+    UnitSymbol{"°R", "°R", kTemperature, 5.0L / 9, 0, 0, false},
     // Pressure.
     UnitSymbol{"bar", "bar", kPressure, 1, 5, 0, true},
     UnitSymbol{"atm", "atm", kPressure, 101325, 0, 0, false},
-    UnitSymbol{"psi", "psi", kPressure, 6894.757293168361, 0, 0, false},
-    UnitSymbol{"Torr", "Torr", kPressure, 101325.0 / 760.0, 0, 0, true},
-    UnitSymbol{"mm Hg", "mm Hg", kPressure, 133.322387415, 0, 0, false},
-    UnitSymbol{"mmHg", "mm Hg", kPressure, 133.322387415, 0, 0, false},
+    UnitSymbol{"psi", "psi", kPressure, 6894.757293168361L, 0, 0, false},
+    UnitSymbol{"Torr", "Torr", kPressure, 101325.0L / 760, 0, 0, true},
+    UnitSymbol{"mm Hg", "mm Hg", kPressure, 133.322387415L, 0, 0, false},
+    UnitSymbol{"mmHg", "mm Hg", kPressure, 133.322387415L, 0, 0, false},
     // Angles.
     UnitSymbol{"rad", "rad", kAngle, 1, 0, 0, true},
     UnitSymbol{"deg", "deg", kAngle, kPi / 180, 0, 0, false},
@@ -86,12 +88,12 @@ constexpr std::array kSymbols = {
     UnitSymbol{"li", "li", kLength, kInch / 12, 0, 0, false},
     UnitSymbol{"in", "in", kLength, kInch, 0, 0, false},
     UnitSymbol{"inch", "in", kLength, kInch, 0, 0, false},
-    UnitSymbol{"ft", "ft", kLength, 0.3048, 0, 0, false},
-    UnitSymbol{"yd", "yd", kLength, 0.9144, 0, 0, false},
-    UnitSymbol{"mi", "mi", kLength, 1609.344, 0, 0, false},
+    UnitSymbol{"ft", "ft", kLength, 0.3048L, 0, 0, false},
+    UnitSymbol{"yd", "yd", kLength, 0.9144L, 0, 0, false},
+    UnitSymbol{"mi", "mi", kLength, 1609.344L, 0, 0, false},
     UnitSymbol{"ua", "ua", kLength, 149597870700, 0, 0, false},
     UnitSymbol{"ly", "ly", kLength, 9460730472580800, 0, 0, false},
-    UnitSymbol{"pc", "pc", kLength, 3.0856775814913673e16, 0, 0, false},
+    UnitSymbol{"pc", "pc", kLength, 3.0856775814913673e16L, 0, 0, false},
     UnitSymbol{"pt", "pt", kLength, kInch / 72, 0, 0, false},
     // Dimensions of their own and plain numbers.
     UnitSymbol{"pixel", "pixel", exps({.pixel = 1}), 1, 0, 0, false},
@@ -128,6 +130,16 @@ std::optional<ResolvedSymbol> resolve_symbol(std::string_view word) {
     if (word.size() <= p.text.size() || !word.starts_with(p.text)) continue;
     const UnitSymbol* s = find_symbol(word.substr(p.text.size()));
     if (s != nullptr && s->prefixable) return ResolvedSymbol{s, &p};
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string_view> find_unshifted_symbol(const BaseUnit::Exponents& exponents,
+                                                      long double factor, int exp10) {
+  for (const UnitSymbol& s : kSymbols) {
+    if (s.offset == 0 && s.exponents == exponents && s.factor == factor && s.exp10 == exp10) {
+      return s.canonical;
+    }
   }
   return std::nullopt;
 }

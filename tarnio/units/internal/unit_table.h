@@ -15,9 +15,9 @@ struct UnitSymbol {
   std::string_view text;       // as written ("inch", "mmHg")
   std::string_view canonical;  // as formatted ("in", "mm Hg")
   BaseUnit::Exponents exponents;
-  double factor;  // scale to SI is factor × 10^exp10
+  long double factor;  // scale to SI is factor × 10^exp10
   int exp10;
-  double offset;
+  long double offset;  // SI value of the zero of a shifted scale
   bool prefixable;
 };
 
@@ -36,5 +36,10 @@ struct ResolvedSymbol {
 // Looks `word` up as a symbol, then as a prefix followed by a prefixable symbol; the whole
 // symbol wins ("min" is the minute, "cd" the candela, "mi" the mile).
 std::optional<ResolvedSymbol> resolve_symbol(std::string_view word);
+
+// The canonical text of the unshifted symbol of these exponents and this scale (K for the step
+// of °C, °R for that of °F), if there is one.
+std::optional<std::string_view> find_unshifted_symbol(const BaseUnit::Exponents& exponents,
+                                                      long double factor, int exp10);
 
 }  // namespace Tarn::units::internal
