@@ -24,13 +24,13 @@ class TARNIO_EXPORT Structured_Annotations : public Element<> {
  public:
   using Element<>::Element;
 
-  // The annotations the model writes itself: XML annotations.
+  // Annotations of every kind, in document order.
   JSON::Array_of<Annotation>& annotations() noexcept { return annotations_; }
 
   void resolve_references() override;
 
  private:
-  JSON::Array_of<Annotation> annotations_{*this, "XMLAnnotation"};
+  JSON::Array_of<Annotation> annotations_{*this, "Annotation"};
 };
 
 }  // namespace OME

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "tarnio/ome/errors.h"
+#include "tarnio/ome/ome_xml.h"
 
 namespace OME {
 namespace {
@@ -52,6 +53,15 @@ void Root::assign(JSON::Value tree) {
   clear();
   tree_ = std::move(tree);
 }
+
+void Root::read_XML(std::string_view xml) {
+  assign(read_OME_XML(xml));
+  resolve_references();
+}
+
+std::string Root::XML() const { return write_OME_XML(tree_); }
+
+void Root::write_XML(std::ostream& out) const { out << XML(); }
 
 std::optional<Root::UUID_Bytes> Root::UUID() const {
   const OME* element = const_cast<Root*>(this)->ome_.get();

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <exception>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -47,6 +48,12 @@ class TARNIO_EXPORT Root : public Object_of_Documents {
   ~Root() override;
 
   void clear();
+  // Reads an OME-XML document; throws Invalid_Data as read_OME_XML and leaves the document
+  // unchanged then. References are resolved afterwards.
+  void read_XML(std::string_view xml);
+  // The OME-XML form of the document.
+  std::string XML() const;
+  void write_XML(std::ostream& out) const;
   // Replaces the document by `tree` (of the form {"OME": [{...}]}); the previous element
   // objects are destroyed.
   void assign(JSON::Value tree);

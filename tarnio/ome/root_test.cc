@@ -93,7 +93,7 @@ TEST(RootTest, CyclesOfReferencesEndAndResolvingIsIndexed) {
 
 TEST(RootTest, MirroredReferencesBindToTheirUntypedEntries) {
   Root root;
-  fill(root, R"({"OME": [{"StructuredAnnotations": [{"XMLAnnotation": [
+  fill(root, R"({"OME": [{"StructuredAnnotations": [{"Annotation": [
                    {"ID": "Annotation:0"}, {"ID": "Annotation:1"}]}],
                  "Image": [{"ID": "Image:0", "AnnotationRef": [{"ID": "Annotation:7"},
                    {"ID": "Annotation:1"}, {"ID": "Annotation:0"}]},

@@ -1,0 +1,353 @@
+#include "tarnio/ome/ome_xml.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <pugixml.hpp>
+#include <sstream>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "tarnio/ome/errors.h"
+#include "tarnio/ome/internal/schema.h"
+
+namespace OME {
+namespace {
+
+using internal::Child_Type;
+using internal::Element_Type;
+using internal::Simple_Type;
+using internal::Value_Type;
+
+constexpr std::string_view kSchemaPrefix = "http://www.openmicroscopy.org/Schemas/OME/";
+constexpr std::string_view kKind = "#kind";
+constexpr std::string_view kText = "#text";
+constexpr std::string_view kXML = "#xml";
+constexpr std::string_view kAny = "#any";
+
+const Element_Type& type_at(int index) {
+  return internal::element_types()[static_cast<std::size_t>(index)];
+}
+
+// Per element type: its children's element names, with the child entry and element type.
+struct Child_Slot {
+  const Child_Type* child;
+  int element;
+};
+using Child_Index = std::unordered_map<std::string_view, Child_Slot>;
+
+const Child_Index& children_of(const Element_Type& type) {
+  static const std::vector<Child_Index> indexes = [] {
+    std::vector<Child_Index> all;
+    for (const Element_Type& element : internal::element_types()) {
+      Child_Index& index = all.emplace_back();
+      for (const Child_Type& child : element.children) {
+        for (int e : child.elements) index.emplace(type_at(e).name, Child_Slot{&child, e});
+      }
+    }
+    return all;
+  }();
+  return indexes[static_cast<std::size_t>(&type - internal::element_types().data())];
+}
+
+bool text_only(const Element_Type& type) {
+  return type.attributes.empty() && type.children.empty() && !type.any_content &&
+         type.text.type != Value_Type::none;
+}
+
+std::string_view local_name(std::string_view name) {
+  const auto colon = name.find(':');
+  return colon == std::string_view::npos ? name : name.substr(colon + 1);
+}
+
+std::string_view trim(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+// The element path of a node for messages ("OME.Image.Pixels").
+std::string path_of(pugi::xml_node node) {
+  std::vector<std::string_view> names;
+  for (; node && node.type() == pugi::node_element; node = node.parent()) {
+    names.push_back(local_name(node.name()));
+  }
+  std::reverse(names.begin(), names.end());
+  return fmt::format("{}", fmt::join(names, "."));
+}
+
+[[noreturn]] void throw_invalid(const Simple_Type& type, std::string_view text, std::string where) {
+  throw Invalid_Data(fmt::format("Invalid {} '{}' in {}.", type.name, text, where));
+}
+
+template <typename Number>
+bool parse_number(std::string_view text, Number& number) {
+  if (text.starts_with('+')) text.remove_prefix(1);
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return !text.empty() && error == std::errc() && end == text.data() + text.size();
+}
+
+// A value of simple type `type`; `where` names it in the error message.
+template <typename Where>
+JSON::Value convert(const Simple_Type& type, std::string_view raw, Where where) {
+  const std::string_view text = type.type == Value_Type::string ? raw : trim(raw);
+  switch (type.type) {
+    case Value_Type::integer: {
+      std::int64_t number = 0;
+      if (parse_number(text, number)) return number;
+      std::uint64_t big = 0;
+      if (parse_number(text, big)) return big;
+      break;
+    }
+    case Value_Type::number: {
+      if (text == "NaN") return std::numeric_limits<double>::quiet_NaN();
+      if (text == "INF") return std::numeric_limits<double>::infinity();
+      if (text == "-INF") return -std::numeric_limits<double>::infinity();
+      double number = 0;
+      if (!text.starts_with('.') && parse_number(text, number)) return number;
+      if (text.starts_with('.') && parse_number(fmt::format("0{}", text), number)) return number;
+      break;
+    }
+    case Value_Type::boolean:
+      if (text == "true" || text == "1") return true;
+      if (text == "false" || text == "0") return false;
+      break;
+    case Value_Type::keyword:
+      if (std::find(type.keywords.begin(), type.keywords.end(), text) != type.keywords.end()) {
+        return text;
+      }
+      break;
+    case Value_Type::string:
+    case Value_Type::none:
+      return raw;
+  }
+  throw_invalid(type, raw, where());
+}
+
+std::string raw_xml(pugi::xml_node node) {
+  std::ostringstream out;
+  node.print(out, "", pugi::format_raw | pugi::format_no_declaration);
+  return out.str();
+}
+
+class Reader {
+ public:
+  JSON::Value element(pugi::xml_node node, const Element_Type& type) {
+    if (text_only(type)) {
+      return convert(type.text, node.child_value(), [&] { return path_of(node); });
+    }
+    JSON::Value value = JSON::Value::object();
+    for (pugi::xml_attribute attribute : node.attributes()) {
+      const std::string_view name = attribute.name();
+      const auto known = std::find_if(type.attributes.begin(), type.attributes.end(),
+                                      [&](const auto& a) { return a.name == name; });
+      if (known == type.attributes.end()) {
+        value.set(name, attribute.value());
+      } else {
+        value.set(name, convert(known->value, attribute.value(),
+                                [&] { return fmt::format("{}.{}", path_of(node), name); }));
+      }
+    }
+    if (type.any_content) {
+      std::string xml;
+      for (pugi::xml_node child : node.children()) xml += raw_xml(child);
+      value.set(kXML, std::move(xml));
+      return value;
+    }
+    const Child_Index& children = children_of(type);
+    std::string text;
+    for (pugi::xml_node child : node.children()) {
+      if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
+        text += child.value();
+        continue;
+      }
+      if (child.type() != pugi::node_element) continue;
+      const std::string_view name = local_name(child.name());
+      const auto slot = children.find(name);
+      if (slot == children.end()) {
+        value[kAny].push_back(raw_xml(child));
+        continue;
+      }
+      const Element_Type& child_type = type_at(slot->second.element);
+      JSON::Value item = element(child, child_type);
+      if (slot->second.child->elements.size() > 1) item.set(kKind, child_type.name);
+      value[slot->second.child->key].push_back(std::move(item));
+    }
+    if (type.text.type != Value_Type::none) {
+      value.set(kText, convert(type.text, text, [&] { return path_of(node); }));
+    } else if (!trim(text).empty()) {
+      value.set(kText, text);
+    }
+    return value;
+  }
+};
+
+void check_namespace(pugi::xml_node root) {
+  const std::string_view name = root.name();
+  const auto colon = name.find(':');
+  const std::string declaration =
+      colon == std::string_view::npos ? "xmlns" : fmt::format("xmlns:{}", name.substr(0, colon));
+  const std::string_view ns = root.attribute(declaration.c_str()).value();
+  const bool newer = ns.starts_with(kSchemaPrefix) && ns.substr(kSchemaPrefix.size()) > "2016-06";
+  if (local_name(name) != "OME" || (ns != kNamespace && !newer)) {
+    throw Invalid_Data(fmt::format("Unsupported OME-XML namespace '{}'.", ns));
+  }
+}
+
+[[noreturn]] void throw_shape(std::string_view reason) {
+  throw Invalid_Data(fmt::format("JSON value cannot be written as OME-XML: {}.", reason));
+}
+
+std::string format_value(const JSON::Value& value) {
+  if (value.is_string()) return std::string(value.get_string());
+  if (value.is_bool()) return value.get_bool() ? "true" : "false";
+  if (!value.is_number())
+    throw_shape(fmt::format("a {} as a value", JSON::kind_name(value.kind())));
+  if (value.is_int64()) return std::to_string(value.get_int64());
+  if (value.is_uint64()) return std::to_string(value.get_uint64());
+  const double number = value.get_double();
+  if (std::isnan(number)) return "NaN";
+  if (std::isinf(number)) return number > 0 ? "INF" : "-INF";
+  char buffer[32];
+  const auto end = std::to_chars(buffer, buffer + sizeof buffer, number).ptr;
+  return std::string(buffer, end);
+}
+
+class Writer {
+ public:
+  void element(pugi::xml_node node, const JSON::Value& value, const Element_Type& type) {
+    if (!value.is_object()) {
+      if (!text_only(type)) throw_shape(fmt::format("{} is not an object", type.name));
+      const std::string text = format_value(value);
+      if (!text.empty()) node.append_child(pugi::node_pcdata).set_value(text.c_str());
+      return;
+    }
+    for (const auto& attribute : type.attributes) {
+      if (const JSON::Value* member = value.find(attribute.name)) {
+        set_attribute(node, attribute.name, *member);
+      }
+    }
+    for (const JSON::Member& member : value.members()) {
+      if (!member.key().starts_with('#') && !known_member(type, member.key())) {
+        set_attribute(node, member.key(), member.value());
+      }
+    }
+    if (const JSON::Value* text = value.find(kText)) {
+      node.append_child(pugi::node_pcdata).set_value(format_value(*text).c_str());
+    }
+    if (const JSON::Value* xml = value.find(kXML)) add_foreign(node, format_value(*xml));
+    for (const Child_Type& child : type.children) {
+      const JSON::Value* items = value.find(child.key);
+      if (items == nullptr) continue;
+      if (!items->is_list()) throw_shape(fmt::format("{} is not a list", child.key));
+      for (const JSON::Value& item : items->items()) {
+        const Element_Type& child_type = kind_of(child, item);
+        element(node.append_child(std::string(child_type.name).c_str()), item, child_type);
+      }
+    }
+    if (const JSON::Value* any = value.find(kAny)) {
+      if (!any->is_list()) throw_shape("#any is not a list");
+      for (const JSON::Value& item : any->items()) add_foreign(node, format_value(item));
+    }
+  }
+
+  // The printed document with each placeholder, and the white space around it, replaced by
+  // its foreign XML.
+  std::string splice(const std::string& printed) const {
+    const std::string mark = fmt::format("<?{}?>", kPlaceholder);
+    std::string out;
+    std::size_t from = 0;
+    for (const std::string& xml : foreign_) {
+      const std::size_t at = printed.find(mark, from);
+      const std::size_t before = printed.find_last_not_of(" \t\r\n", at - 1) + 1;
+      out.append(printed, from, before - from).append(xml);
+      from = printed.find_first_not_of(" \t\r\n", at + mark.size());
+    }
+    return out.append(printed, from);
+  }
+
+ private:
+  static constexpr const char* kPlaceholder = "tarn-foreign-xml";
+
+  // A placeholder keeps the printer's indentation out of foreign XML; splice() puts the XML
+  // in its place as it stands.
+  void add_foreign(pugi::xml_node node, std::string xml) {
+    pugi::xml_document fragment;
+    const auto parsed =
+        fragment.load_buffer(xml.data(), xml.size(), pugi::parse_default | pugi::parse_fragment);
+    if (!parsed) throw_shape(fmt::format("foreign XML does not parse ({})", parsed.description()));
+    node.append_child(pugi::node_pi).set_name(kPlaceholder);
+    foreign_.push_back(std::move(xml));
+  }
+
+  static void set_attribute(pugi::xml_node node, std::string_view name, const JSON::Value& value) {
+    if (value.is_null()) return;
+    node.append_attribute(std::string(name).c_str()).set_value(format_value(value).c_str());
+  }
+
+  static bool known_member(const Element_Type& type, std::string_view key) {
+    return std::any_of(type.attributes.begin(), type.attributes.end(),
+                       [&](const auto& a) { return a.name == key; }) ||
+           std::any_of(type.children.begin(), type.children.end(),
+                       [&](const auto& c) { return c.key == key; });
+  }
+
+  static const Element_Type& kind_of(const Child_Type& child, const JSON::Value& item) {
+    const JSON::Value* kind = item.is_object() ? item.find(kKind) : nullptr;
+    if (kind == nullptr) return type_at(child.elements.front());
+    for (int e : child.elements) {
+      if (kind->is_string() && type_at(e).name == kind->get_string()) return type_at(e);
+    }
+    throw_shape(fmt::format("unknown {} kind {}", child.key, format_value(*kind)));
+  }
+
+  std::vector<std::string> foreign_;
+};
+
+}  // namespace
+
+JSON::Value read_OME_XML(std::string_view xml) {
+  pugi::xml_document document;
+  const pugi::xml_parse_result parsed =
+      document.load_buffer(xml.data(), xml.size(), pugi::parse_default | pugi::parse_ws_pcdata);
+  if (!parsed) {
+    throw Invalid_Data(
+        fmt::format("OME-XML parse error at offset {}: {}.", parsed.offset, parsed.description()));
+  }
+  const pugi::xml_node root = document.document_element();
+  if (!root) throw Invalid_Data("OME-XML parse error at offset 0: no root element.");
+  check_namespace(root);
+  JSON::Value tree = JSON::Value::object();
+  tree["OME"].push_back(Reader().element(root, type_at(0)));
+  return tree;
+}
+
+std::string write_OME_XML(const JSON::Value& document) {
+  const JSON::Value* ome = document.is_object() ? document.find("OME") : nullptr;
+  if (ome == nullptr || !ome->is_list() || ome->size() != 1) {
+    throw_shape("the document is not {\"OME\": [{...}]}");
+  }
+  pugi::xml_document xml;
+  pugi::xml_node root = xml.append_child("OME");
+  const JSON::Value& element = ome->items()[0];
+  if (!element.is_object() || !element.contains("xmlns")) {
+    root.append_attribute("xmlns").set_value(std::string(kNamespace).c_str());
+    root.append_attribute("xmlns:xsi").set_value("http://www.w3.org/2001/XMLSchema-instance");
+    root.append_attribute("xsi:schemaLocation")
+        .set_value(fmt::format("{0} {0}/ome.xsd", kNamespace).c_str());
+  }
+  Writer writer;
+  writer.element(root, element, type_at(0));
+  std::ostringstream out;
+  out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+  xml.save(out, "  ", pugi::format_default | pugi::format_no_declaration, pugi::encoding_utf8);
+  return writer.splice(out.str());
+}
+
+}  // namespace OME
