@@ -62,6 +62,7 @@ int main(int argc, char** argv) {
   tarn::add_demo_command(app);
   tarn::add_recover_command(app);
   tarn::add_compact_command(app);
+  tarn::add_ome_command(app);
   std::signal(SIGPIPE, SIG_IGN);
 
   try {
