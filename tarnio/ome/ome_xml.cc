@@ -93,6 +93,11 @@ bool parse_number(std::string_view text, Number& number) {
   return !text.empty() && error == std::errc() && end == text.data() + text.size();
 }
 
+bool in_range(const Simple_Type& type, double number) {
+  const bool above = type.above_minimum ? number > type.minimum : number >= type.minimum;
+  return std::isnan(number) || (above && number <= type.maximum);
+}
+
 // A value of simple type `type`; `where` names it in the error message.
 template <typename Where>
 JSON::Value convert(const Simple_Type& type, std::string_view raw, Where where) {
@@ -100,18 +105,22 @@ JSON::Value convert(const Simple_Type& type, std::string_view raw, Where where) 
   switch (type.type) {
     case Value_Type::integer: {
       std::int64_t number = 0;
-      if (parse_number(text, number)) return number;
+      if (parse_number(text, number) && in_range(type, static_cast<double>(number))) return number;
       std::uint64_t big = 0;
-      if (parse_number(text, big)) return big;
+      if (parse_number(text, big) && in_range(type, static_cast<double>(big))) return big;
       break;
     }
     case Value_Type::number: {
-      if (text == "NaN") return std::numeric_limits<double>::quiet_NaN();
-      if (text == "INF") return std::numeric_limits<double>::infinity();
-      if (text == "-INF") return -std::numeric_limits<double>::infinity();
       double number = 0;
-      if (!text.starts_with('.') && parse_number(text, number)) return number;
-      if (text.starts_with('.') && parse_number(fmt::format("0{}", text), number)) return number;
+      if (text == "NaN") {
+        number = std::numeric_limits<double>::quiet_NaN();
+      } else if (text == "INF" || text == "-INF") {
+        number = text == "INF" ? internal::kUnbounded : -internal::kUnbounded;
+      } else if (!parse_number(text.starts_with('.') ? fmt::format("0{}", text) : std::string(text),
+                               number)) {
+        break;
+      }
+      if (in_range(type, number)) return number;
       break;
     }
     case Value_Type::boolean:

@@ -159,6 +159,12 @@ TEST(OmeXmlTest, BadDocumentsAreRefusedWithTheirReason) {
        "Invalid PositiveInt '3.5' in OME.Image.Pixels.SizeX."},
       {head + R"(<Image ID="Image:0"><Pixels DimensionOrder="XYQ"/></Image></OME>)",
        "Invalid DimensionOrder 'XYQ' in OME.Image.Pixels.DimensionOrder."},
+      {head + R"(<Image ID="Image:0"><Pixels SizeX="0"/></Image></OME>)",
+       "Invalid PositiveInt '0' in OME.Image.Pixels.SizeX."},
+      {head + R"(<Image ID="Image:0"><Pixels SizeX="2147483648"/></Image></OME>)",
+       "Invalid PositiveInt '2147483648' in OME.Image.Pixels.SizeX."},
+      {head + R"(<Instrument><Laser Wavelength="0"/></Instrument></OME>)",
+       "Invalid PositiveFloat '0' in OME.Instrument.Laser.Wavelength."},
       {head + R"(<Instrument><Laser Tuneable="yes"/></Instrument></OME>)",
        "Invalid boolean 'yes' in OME.Instrument.Laser.Tuneable."},
       {head + R"(<StructuredAnnotations><DoubleAnnotation><Value>x</Value></DoubleAnnotation>)"

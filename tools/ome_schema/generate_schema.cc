@@ -22,6 +22,9 @@ struct Simple {
   std::string type = "none";  // a Value_Type enumerator
   std::string name;
   std::vector<std::string> keywords;
+  std::string minimum = "-kUnbounded";
+  std::string maximum = "kUnbounded";
+  bool above_minimum = false;
 };
 
 struct Attribute {
@@ -90,7 +93,8 @@ class Generator {
           definitions << "};\n";
         }
       }
-      return "{V::" + s.type + ", \"" + s.name + "\", " + list + "}";
+      return "{V::" + s.type + ", \"" + s.name + "\", " + list + ", " + s.minimum + ", " +
+             s.maximum + ", " + (s.above_minimum ? "true" : "false") + "}";
     };
     std::ostringstream table;
     table << "constexpr Element_Type kElements[] = {\n";
@@ -262,6 +266,14 @@ class Generator {
       s.keywords.push_back(keyword.attribute("value").value());
     }
     if (!s.keywords.empty()) s.type = "keyword";
+    if (const auto facet = restriction.child("xsd:minInclusive"))
+      s.minimum = facet.attribute("value").value();
+    if (const auto facet = restriction.child("xsd:minExclusive")) {
+      s.minimum = facet.attribute("value").value();
+      s.above_minimum = true;
+    }
+    if (const auto facet = restriction.child("xsd:maxInclusive"))
+      s.maximum = facet.attribute("value").value();
     return s;
   }
 
@@ -276,7 +288,12 @@ class Generator {
                                                               {"xsd:double", "number"},
                                                               {"xsd:boolean", "boolean"}};
     const auto it = kTypes.find(name);
-    return Simple{it == kTypes.end() ? "string" : it->second, strip(name), {}};
+    Simple s{it == kTypes.end() ? "string" : it->second, strip(name), {}};
+    if (name == "xsd:int") {
+      s.minimum = "-2147483648.0";
+      s.maximum = "2147483647.0";
+    }
+    return s;
   }
 
   std::map<std::string, pugi::xml_node> elements_, complex_types_, simple_types_;

@@ -6,6 +6,7 @@
 
 #include "tarnio/json/read_write.h"
 #include "tarnio/ome/ome_xml.h"
+#include "tarnio/ome/root.h"
 #include "tools/tarn/commands.h"
 
 namespace tarn {

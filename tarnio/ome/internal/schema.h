@@ -11,6 +11,7 @@
 // Immutable static data; thread-safe.
 
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <string_view>
 
@@ -18,10 +19,16 @@ namespace OME::internal {
 
 enum class Value_Type : std::uint8_t { none, string, integer, number, boolean, keyword };
 
+inline constexpr double kUnbounded = std::numeric_limits<double>::infinity();
+
 struct Simple_Type {
   Value_Type type = Value_Type::none;
   std::string_view name;                       // the schema's name of the type, for messages
   std::span<const std::string_view> keywords;  // of an enumeration
+  // The range of a number; the minimum itself is excluded when `above_minimum`.
+  double minimum = -kUnbounded;
+  double maximum = kUnbounded;
+  bool above_minimum = false;
 };
 
 struct Attribute_Type {
