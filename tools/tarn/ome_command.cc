@@ -27,12 +27,12 @@ bool is_xml(std::string_view text) {
 void run_ome(const OmeOptions& options) {
   const std::string text = read_input(options.input);
   const bool from_xml = is_xml(text);
-  // A JSON document passes through the XML form, so that it is checked as OME-XML is.
-  const JSON::Value tree =
-      from_xml ? OME::read_OME_XML(text) : OME::read_OME_XML(OME::write_OME_XML(JSON::read(text)));
+  // A JSON document passes through the XML form, so that it is checked as OME-XML is; the
+  // root then checks that every reference names an element.
+  OME::Root root;
+  root.read_XML(from_xml ? text : OME::write_OME_XML(JSON::read(text)));
   const std::string to = options.to.empty() ? (from_xml ? "json" : "xml") : options.to;
-  write_output(options.output,
-               to == "json" ? JSON::write(tree, 2) + "\n" : OME::write_OME_XML(tree));
+  write_output(options.output, to == "json" ? JSON::write(root.node(), 2) + "\n" : root.XML());
 }
 
 }  // namespace
