@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -16,6 +17,7 @@
 
 #include "tarnio/ome/errors.h"
 #include "tarnio/ome/internal/schema.h"
+#include "tarnio/strings/internal/xml_escape.h"
 
 namespace OME {
 namespace {
@@ -152,15 +154,20 @@ class Reader {
       return convert(type.text, node.child_value(), [&] { return path_of(node); });
     }
     JSON::Value value = JSON::Value::object();
+    // Attributes mostly come in schema order: each search starts after the last one found.
+    auto next = type.attributes.begin();
     for (pugi::xml_attribute attribute : node.attributes()) {
       const std::string_view name = attribute.name();
-      const auto known = std::find_if(type.attributes.begin(), type.attributes.end(),
-                                      [&](const auto& a) { return a.name == name; });
-      if (known == type.attributes.end()) {
+      const auto is_name = [&](const auto& a) { return a.name == name; };
+      auto known = std::find_if(next, type.attributes.end(), is_name);
+      if (known == type.attributes.end())
+        known = std::find_if(type.attributes.begin(), next, is_name);
+      if (known == type.attributes.end() || known->name != name) {
         value.set(name, attribute.value());
       } else {
         value.set(name, convert(known->value, attribute.value(),
                                 [&] { return fmt::format("{}.{}", path_of(node), name); }));
+        next = known + 1;
       }
     }
     if (type.any_content) {
@@ -213,91 +220,156 @@ void check_namespace(pugi::xml_node root) {
   throw Invalid_Data(fmt::format("JSON value cannot be written as OME-XML: {}.", reason));
 }
 
-std::string format_value(const JSON::Value& value) {
-  if (value.is_string()) return std::string(value.get_string());
+// The text of a scalar; a number is formatted into `buffer`.
+std::string_view value_text(const JSON::Value& value, char (&buffer)[32]) {
+  if (value.is_string()) return value.get_string();
   if (value.is_bool()) return value.get_bool() ? "true" : "false";
-  if (!value.is_number())
+  if (!value.is_number()) {
     throw_shape(fmt::format("a {} as a value", JSON::kind_name(value.kind())));
-  if (value.is_int64()) return std::to_string(value.get_int64());
-  if (value.is_uint64()) return std::to_string(value.get_uint64());
-  const double number = value.get_double();
-  if (std::isnan(number)) return "NaN";
-  if (std::isinf(number)) return number > 0 ? "INF" : "-INF";
-  char buffer[32];
-  const auto end = std::to_chars(buffer, buffer + sizeof buffer, number).ptr;
-  return std::string(buffer, end);
+  }
+  char* end = buffer;
+  if (value.is_int64()) {
+    end = std::to_chars(buffer, buffer + sizeof buffer, value.get_int64()).ptr;
+  } else if (value.is_uint64()) {
+    end = std::to_chars(buffer, buffer + sizeof buffer, value.get_uint64()).ptr;
+  } else {
+    const double number = value.get_double();
+    if (std::isnan(number)) return "NaN";
+    if (std::isinf(number)) return number > 0 ? "INF" : "-INF";
+    end = std::to_chars(buffer, buffer + sizeof buffer, number).ptr;
+  }
+  return std::string_view(buffer, static_cast<std::size_t>(end - buffer));
 }
 
+std::string format_value(const JSON::Value& value) {
+  char buffer[32];
+  return std::string(value_text(value, buffer));
+}
+
+// Writes the document text directly, indented by two spaces per level; foreign XML is copied
+// as it stands, without indentation around it.
 class Writer {
  public:
-  void element(pugi::xml_node node, const JSON::Value& value, const Element_Type& type) {
+  void element(std::string_view name, const JSON::Value& value, const Element_Type& type, int depth,
+               std::string_view extra_attributes = {}) {
+    out_.append(static_cast<std::size_t>(2 * depth), ' ').append("<").append(name);
+    out_.append(extra_attributes);
     if (!value.is_object()) {
       if (!text_only(type)) throw_shape(fmt::format("{} is not an object", type.name));
-      const std::string text = format_value(value);
-      if (!text.empty()) node.append_child(pugi::node_pcdata).set_value(text.c_str());
+      close_with_text(name, format_value(value));
       return;
     }
+    // Members mostly stand in schema order: each is first looked for after the last found.
+    const auto members = value.members();
+    std::size_t next = 0;
+    std::size_t found = 0;
     for (const auto& attribute : type.attributes) {
-      if (const JSON::Value* member = value.find(attribute.name)) {
-        set_attribute(node, attribute.name, *member);
+      const JSON::Value* member = nullptr;
+      if (next < members.size() && members[next].key() == attribute.name) {
+        member = &members[next++].value();
+      } else {
+        member = value.find(attribute.name);
+      }
+      if (member != nullptr) {
+        ++found;
+        write_attribute(attribute.name, *member);
       }
     }
-    for (const JSON::Member& member : value.members()) {
-      if (!member.key().starts_with('#') && !known_member(type, member.key())) {
-        set_attribute(node, member.key(), member.value());
+    if (found < members.size()) {
+      for (const JSON::Member& member : members) {
+        if (!member.key().starts_with('#') && !known_member(type, member.key())) {
+          check_name(member.key());
+          write_attribute(member.key(), member.value());
+        }
       }
     }
-    if (const JSON::Value* text = value.find(kText)) {
-      node.append_child(pugi::node_pcdata).set_value(format_value(*text).c_str());
+    const JSON::Value* text = value.find(kText);
+    const JSON::Value* xml = value.find(kXML);
+    const JSON::Value* any = value.find(kAny);
+    if (any != nullptr && !any->is_list()) throw_shape("#any is not a list");
+    if (xml != nullptr) {
+      out_.append(">");
+      append_foreign(format_value(*xml));
+      out_.append("</").append(name).append(">\n");
+      return;
     }
-    if (const JSON::Value* xml = value.find(kXML)) add_foreign(node, format_value(*xml));
+    const bool has_children =
+        any != nullptr || std::any_of(type.children.begin(), type.children.end(),
+                                      [&](const auto& c) { return value.contains(c.key); });
+    if (!has_children) {
+      close_with_text(name, text == nullptr ? std::string() : format_value(*text));
+      return;
+    }
+    out_.append(">");
+    if (text != nullptr) append_escaped(format_value(*text), "&<>\r");
+    out_.append("\n");
     for (const Child_Type& child : type.children) {
       const JSON::Value* items = value.find(child.key);
       if (items == nullptr) continue;
       if (!items->is_list()) throw_shape(fmt::format("{} is not a list", child.key));
       for (const JSON::Value& item : items->items()) {
         const Element_Type& child_type = kind_of(child, item);
-        element(node.append_child(std::string(child_type.name).c_str()), item, child_type);
+        element(child_type.name, item, child_type, depth + 1);
       }
     }
-    if (const JSON::Value* any = value.find(kAny)) {
-      if (!any->is_list()) throw_shape("#any is not a list");
-      for (const JSON::Value& item : any->items()) add_foreign(node, format_value(item));
+    if (any != nullptr) {
+      for (const JSON::Value& item : any->items()) {
+        out_.append(static_cast<std::size_t>(2 * depth + 2), ' ');
+        append_foreign(format_value(item));
+        out_.append("\n");
+      }
     }
+    out_.append(static_cast<std::size_t>(2 * depth), ' ').append("</").append(name).append(">\n");
   }
 
-  // The printed document with each placeholder, and the white space around it, replaced by
-  // its foreign XML.
-  std::string splice(const std::string& printed) const {
-    const std::string mark = fmt::format("<?{}?>", kPlaceholder);
-    std::string out;
-    std::size_t from = 0;
-    for (const std::string& xml : foreign_) {
-      const std::size_t at = printed.find(mark, from);
-      const std::size_t before = printed.find_last_not_of(" \t\r\n", at - 1) + 1;
-      out.append(printed, from, before - from).append(xml);
-      from = printed.find_first_not_of(" \t\r\n", at + mark.size());
-    }
-    return out.append(printed, from);
-  }
+  std::string& text() noexcept { return out_; }
 
  private:
-  static constexpr const char* kPlaceholder = "tarn-foreign-xml";
+  void close_with_text(std::string_view name, const std::string& text) {
+    if (text.empty()) {
+      out_.append(" />\n");
+      return;
+    }
+    out_.append(">");
+    append_escaped(text, "&<>\r");
+    out_.append("</").append(name).append(">\n");
+  }
 
-  // A placeholder keeps the printer's indentation out of foreign XML; splice() puts the XML
-  // in its place as it stands.
-  void add_foreign(pugi::xml_node node, std::string xml) {
+  void write_attribute(std::string_view name, const JSON::Value& value) {
+    if (value.is_null()) return;
+    char buffer[32];
+    out_.append(" ").append(name).append("=\"");
+    append_escaped(value_text(value, buffer), "&<\"\t\n\r");
+    out_.append("\"");
+  }
+
+  void append_escaped(std::string_view text, std::string_view specials) {
+    if (text.find_first_of(specials) == std::string_view::npos) {
+      out_.append(text);
+    } else {
+      Tarn::strings::internal::append_xml_escaped(out_, text, specials);
+    }
+  }
+
+  void append_foreign(const std::string& xml) {
     pugi::xml_document fragment;
     const auto parsed =
         fragment.load_buffer(xml.data(), xml.size(), pugi::parse_default | pugi::parse_fragment);
     if (!parsed) throw_shape(fmt::format("foreign XML does not parse ({})", parsed.description()));
-    node.append_child(pugi::node_pi).set_name(kPlaceholder);
-    foreign_.push_back(std::move(xml));
+    out_.append(xml);
   }
 
-  static void set_attribute(pugi::xml_node node, std::string_view name, const JSON::Value& value) {
-    if (value.is_null()) return;
-    node.append_attribute(std::string(name).c_str()).set_value(format_value(value).c_str());
+  // Names the tables do not know come from the tree and must be XML names.
+  static void check_name(std::string_view name) {
+    const auto bad = [](char c, bool first) {
+      const auto u = static_cast<unsigned char>(c);
+      const bool letter = std::isalpha(u) || c == '_' || c == ':' || u >= 0x80;
+      return !(letter || (!first && (std::isdigit(u) || c == '-' || c == '.')));
+    };
+    if (name.empty() || bad(name.front(), true) ||
+        std::any_of(name.begin() + 1, name.end(), [&](char c) { return bad(c, false); })) {
+      throw_shape(fmt::format("'{}' is not an XML name", name));
+    }
   }
 
   static bool known_member(const Element_Type& type, std::string_view key) {
@@ -316,7 +388,7 @@ class Writer {
     throw_shape(fmt::format("unknown {} kind {}", child.key, format_value(*kind)));
   }
 
-  std::vector<std::string> foreign_;
+  std::string out_;
 };
 
 }  // namespace
@@ -342,21 +414,18 @@ std::string write_OME_XML(const JSON::Value& document) {
   if (ome == nullptr || !ome->is_list() || ome->size() != 1) {
     throw_shape("the document is not {\"OME\": [{...}]}");
   }
-  pugi::xml_document xml;
-  pugi::xml_node root = xml.append_child("OME");
   const JSON::Value& element = ome->items()[0];
-  if (!element.is_object() || !element.contains("xmlns")) {
-    root.append_attribute("xmlns").set_value(std::string(kNamespace).c_str());
-    root.append_attribute("xmlns:xsi").set_value("http://www.w3.org/2001/XMLSchema-instance");
-    root.append_attribute("xsi:schemaLocation")
-        .set_value(fmt::format("{0} {0}/ome.xsd", kNamespace).c_str());
-  }
+  const std::string declarations =
+      element.is_object() && element.contains("xmlns")
+          ? std::string()
+          : fmt::format(
+                " xmlns=\"{0}\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
+                "xsi:schemaLocation=\"{0} {0}/ome.xsd\"",
+                kNamespace);
   Writer writer;
-  writer.element(root, element, type_at(0));
-  std::ostringstream out;
-  out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
-  xml.save(out, "  ", pugi::format_default | pugi::format_no_declaration, pugi::encoding_utf8);
-  return writer.splice(out.str());
+  writer.text() = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+  writer.element("OME", element, type_at(0), 0, declarations);
+  return std::move(writer.text());
 }
 
 }  // namespace OME
