@@ -154,6 +154,9 @@ class Reader {
       return convert(type.text, node.child_value(), [&] { return path_of(node); });
     }
     JSON::Value value = JSON::Value::object();
+    std::size_t attributes = 0;
+    for (pugi::xml_attribute a = node.first_attribute(); a; a = a.next_attribute()) ++attributes;
+    value.reserve(attributes + (node.first_child() ? 1 : 0));
     // Attributes mostly come in schema order: each search starts after the last one found.
     auto next = type.attributes.begin();
     for (pugi::xml_attribute attribute : node.attributes()) {
