@@ -12,12 +12,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <new>
-#include <pugixml.hpp>
 #include <string>
 #include <utility>
 
 #include "bench/bench_timing.h"
 #include "bench/heap_watch.h"
+#include "bench/pugixml_baseline.h"
 #include "tarnio/ome/root.h"
 
 void* operator new(std::size_t size) {
@@ -87,29 +87,13 @@ const std::string& document() {
 double pugixml_parse_seconds = 0;
 double pugixml_save_seconds = 0;
 
-struct StringWriter final : pugi::xml_writer {
-  std::string text;
-  void write(const void* data, std::size_t size) override {
-    text.append(static_cast<const char*>(data), size);
-  }
-};
-
 void pugixml_parse(benchmark::State& state) {
-  const std::string& xml = document();
-  pugixml_parse_seconds = tarnio_bench::timed(state, [&] {
-    pugi::xml_document parsed;
-    benchmark::DoNotOptimize(parsed.load_buffer(xml.data(), xml.size()));
-  });
+  pugixml_parse_seconds = tarnio_bench::pugixml_parse_seconds(state, document());
 }
 
 void pugixml_save(benchmark::State& state) {
-  pugi::xml_document parsed;
-  parsed.load_buffer(document().data(), document().size());
-  pugixml_save_seconds = tarnio_bench::timed(state, [&] {
-    StringWriter writer;
-    parsed.save(writer, "  ");
-    benchmark::DoNotOptimize(writer.text.data());
-  });
+  std::size_t bytes = 0;
+  pugixml_save_seconds = tarnio_bench::pugixml_save_seconds(state, document(), bytes);
 }
 
 void read(benchmark::State& state) {
