@@ -415,6 +415,17 @@ class Writer {
 
 }  // namespace
 
+const Element_Type* internal::find_element_type(std::string_view element,
+                                                std::string_view attribute) noexcept {
+  for (const Element_Type& type : internal::element_types()) {
+    if (type.name == element && std::any_of(type.attributes.begin(), type.attributes.end(),
+                                            [&](const auto& a) { return a.name == attribute; })) {
+      return &type;
+    }
+  }
+  return nullptr;
+}
+
 JSON::Value read_OME_XML(std::string_view xml) {
   pugi::xml_document document;
   const pugi::xml_parse_result parsed =

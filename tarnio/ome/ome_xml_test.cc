@@ -15,6 +15,7 @@
 
 #include "tarnio/json/read_write.h"
 #include "tarnio/ome/errors.h"
+#include "tarnio/ome/quantity.h"
 #include "tarnio/ome/root.h"
 #include "tarnio/testing/expect_throw_message.h"
 #include "tarnio/testing/temp_dir.h"
@@ -140,9 +141,28 @@ TEST(OmeXmlTest, ValuesAreTypedByTheSchema) {
   EXPECT_NE(xml.find(R"(<Value><a:x xmlns:a="urn:a">
       <a:y k="v">t</a:y></a:x></Value>)"),
             std::string::npos);
-  EXPECT_NE(xml.find("<MetadataOnly />\n      <Future Level=\"2\"/>\n"), std::string::npos)
-      << xml;
+  EXPECT_NE(xml.find("<MetadataOnly />\n      <Future Level=\"2\"/>\n"), std::string::npos) << xml;
   EXPECT_EQ(read_OME_XML(xml), tree);
+}
+
+TEST(OmeXmlTest, QuantitiesTakeTheirUnitOrTheSchemasDefault) {
+  Root root;
+  root.read_XML(R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">
+    <Image ID="Image:0"><Pixels ID="Pixels:0" DimensionOrder="XYZCT" Type="uint8" SizeX="1"
+      SizeY="1" SizeZ="1" SizeC="1" SizeT="1" PhysicalSizeX="0.5" PhysicalSizeY="20"
+      PhysicalSizeYUnit="nm"><MetadataOnly/></Pixels></Image></OME>)");
+  Image::Pixels& pixels = *root.images()[0].pixels().get();
+  using Tarn::units::RuntimeValue;
+  EXPECT_EQ(quantity(pixels, "Pixels", "PhysicalSizeX"), RuntimeValue(0.5, "µm"));
+  EXPECT_EQ(quantity(pixels, "Pixels", "PhysicalSizeY"), RuntimeValue(0.02, "µm"));
+  EXPECT_FALSE(quantity(pixels, "Pixels", "PhysicalSizeZ"));
+  set_quantity(pixels, "Pixels", "PhysicalSizeZ", RuntimeValue(1.5, "mm"));
+  EXPECT_EQ(quantity(pixels, "Pixels", "PhysicalSizeZ"), RuntimeValue(1500, "µm"));
+  EXPECT_NE(root.XML().find(R"(PhysicalSizeZ="1.5" PhysicalSizeZUnit="mm")"), std::string::npos);
+  EXPECT_THROW_MESSAGE(set_quantity(pixels, "Pixels", "PhysicalSizeZ", RuntimeValue(1, "s")),
+                       Invalid_Argument, "'s' is not a unit of Pixels.PhysicalSizeZ.");
+  EXPECT_THROW_MESSAGE(quantity(pixels, "Pixels", "SizeX"), Invalid_Argument,
+                       "Pixels.SizeX has no unit.");
 }
 
 TEST(OmeXmlTest, BadDocumentsAreRefusedWithTheirReason) {

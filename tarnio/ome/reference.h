@@ -39,7 +39,7 @@ class Reference : public Element<> {
   Reference(JSON::Proxy& parent, JSON::Value& node) : Element<>(parent, node) {}
   // A reference that mirrors an entry of the untyped list; unbound until resolved or assigned.
   explicit Reference(Abstract_References& mirror)
-      : Element<>(mirror.owner(), unbound_node()), mirror_(&mirror) {}
+      : Element<>(mirror.owner(), unbound_), mirror_(&mirror) {}
 
   T* referent() const noexcept { return referent_; }
   // The ID held, or null.
@@ -126,12 +126,6 @@ class Reference : public Element<> {
   }
 
  private:
-  static JSON::Value& unbound_node() {
-    // Never written: a mirrored reference writes only after binding to an entry.
-    static JSON::Value unbound;
-    return unbound;
-  }
-
   std::optional<std::size_t> find(JSON::Array_of<Target>* list, const JSON::Value& id) {
     if (list == nullptr || list->list() == nullptr || !list->list()->is_list()) return {};
     return ids().find(*list->list(), id);
@@ -152,9 +146,12 @@ class Reference : public Element<> {
   }
   void unbind() {
     position_.reset();
-    rebind(unbound_node());
+    unbound_ = JSON::Value();
+    rebind(unbound_);
   }
 
+  // What an unbound mirrored reference views: an empty value of its own.
+  JSON::Value unbound_;
   T* referent_ = nullptr;
   Abstract_References* mirror_ = nullptr;
   std::optional<std::size_t> position_;  // of the mirrored entry

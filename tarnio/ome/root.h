@@ -48,8 +48,9 @@ class TARNIO_EXPORT Root : public Object_of_Documents {
   ~Root() override;
 
   void clear();
-  // Reads an OME-XML document; throws Invalid_Data as read_OME_XML and leaves the document
-  // unchanged then. References are resolved afterwards.
+  // Reads an OME-XML document in place of the current one and resolves its references.
+  // Throws Invalid_Data as read_OME_XML, the document unchanged; Invalid_Argument "Incomplete
+  // data: missing {id}." for a reference to a missing ID, the new document in place.
   void read_XML(std::string_view xml);
   // The OME-XML form of the document.
   std::string XML() const;

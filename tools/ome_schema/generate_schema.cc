@@ -31,6 +31,7 @@ struct Attribute {
   std::string name;
   Simple value;
   bool required = false;
+  std::string default_value;
 };
 
 struct Child {
@@ -107,7 +108,7 @@ class Generator {
         std::ostringstream rows;
         for (const Attribute& a : e.attributes) {
           rows << "    {\"" << a.name << "\", " << simple(a.value, definitions) << ", "
-               << (a.required ? "true" : "false") << "},\n";
+               << (a.required ? "true" : "false") << ", \"" << a.default_value << "\"},\n";
         }
         attributes = "kAttributes" + std::to_string(i);
         definitions << "constexpr Attribute_Type " << attributes << "[] = {\n"
@@ -186,6 +187,7 @@ class Generator {
         Attribute a;
         a.name = part.attribute("name").value();
         a.required = std::string(part.attribute("use").value()) == "required";
+        a.default_value = part.attribute("default").value();
         a.value = part.attribute("type") ? simple_type(part.attribute("type").value())
                                          : simple_node(part.child("xsd:simpleType"), a.name);
         e.attributes.push_back(std::move(a));

@@ -35,6 +35,7 @@ struct Attribute_Type {
   std::string_view name;
   Simple_Type value;
   bool required = false;
+  std::string_view default_value;  // empty when the schema gives none
 };
 
 struct Child_Type {
@@ -53,5 +54,9 @@ struct Element_Type {
 
 // All element types; the first is the root element OME.
 std::span<const Element_Type> element_types() noexcept;
+
+// The first element type of that name that has the attribute, or null.
+const Element_Type* find_element_type(std::string_view element,
+                                      std::string_view attribute) noexcept;
 
 }  // namespace OME::internal
