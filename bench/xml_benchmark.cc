@@ -13,6 +13,7 @@
 #include <string>
 
 #include "bench/bench_timing.h"
+#include "bench/pugixml_baseline.h"
 #include "tarnio/json/value.h"
 #include "tarnio/json/xml.h"
 
@@ -89,31 +90,14 @@ void set_bytes(benchmark::State& state, std::size_t bytes) {
   state.counters["MiB"] = static_cast<double>(bytes) / (1 << 20);
 }
 
-struct StringWriter final : pugi::xml_writer {
-  std::string text;
-  void write(const void* data, std::size_t size) override {
-    text.append(static_cast<const char*>(data), size);
-  }
-};
-
 void pugixml_parse(benchmark::State& state) {
-  const std::string& xml = document();
-  pugixml_parse_seconds = tarnio_bench::timed(state, [&] {
-    pugi::xml_document parsed;
-    benchmark::DoNotOptimize(parsed.load_buffer(xml.data(), xml.size()));
-  });
-  set_bytes(state, xml.size());
+  pugixml_parse_seconds = tarnio_bench::pugixml_parse_seconds(state, document());
+  set_bytes(state, document().size());
 }
 
 void pugixml_save(benchmark::State& state) {
-  pugi::xml_document parsed;
-  parsed.load_buffer(document().data(), document().size());
   std::size_t bytes = 0;
-  pugixml_save_seconds = tarnio_bench::timed(state, [&] {
-    StringWriter writer;
-    parsed.save(writer, "  ");
-    bytes = writer.text.size();
-  });
+  pugixml_save_seconds = tarnio_bench::pugixml_save_seconds(state, document(), bytes);
   set_bytes(state, bytes);
 }
 

@@ -197,6 +197,32 @@ TEST(TarnTool, PropsUsageErrorsExitTwo) {
   EXPECT_EQ(tarn("props " + in + " " + in).status, 2);
 }
 
+TEST(TarnTool, OmeConvertsBetweenXmlAndJsonAndReportsBadDocuments) {
+  Tarn::testing::TempDir dir;
+  const std::string sample = (dir / "in.ome.xml").string();
+  spill(sample,
+        R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06"><Image ID="Image:0">)"
+        R"(<Pixels ID="Pixels:0" DimensionOrder="XYZCT" Type="uint8" SizeX="2" SizeY="2" )"
+        R"(SizeZ="1" SizeC="3" SizeT="1"><MetadataOnly/></Pixels></Image></OME>)");
+  const ToolRun json = tarn("ome " + sample + " -o " + (dir / "out.json").string());
+  ASSERT_EQ(json.status, 0) << json.err;
+  const JSON::Value tree = JSON::read(slurp(dir / "out.json"));
+  EXPECT_EQ(tree.at_path("OME[0].Image[0].Pixels[0].SizeC"), JSON::Value(3));
+  const ToolRun xml = tarn("ome - < " + (dir / "out.json").string());
+  ASSERT_EQ(xml.status, 0) << xml.err;
+  EXPECT_EQ(xml.out.rfind("<?xml", 0), 0u) << xml.out;
+  const ToolRun again = tarn("ome - --to json < " + (dir / "out.json").string());
+  ASSERT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(JSON::read(again.out), tree);
+
+  spill(dir / "missing.xml", R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">)"
+                             R"(<Dataset ID="Dataset:0"><ImageRef ID="Image:3"/></Dataset></OME>)");
+  const ToolRun missing = tarn("ome " + (dir / "missing.xml").string());
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.err, "tarn: Incomplete data: missing Image:3.\n");
+  EXPECT_EQ(tarn("ome " + sample + " --to yaml").status, 2);
+}
+
 TEST(TarnTool, UnitsConvertsValues) {
   const std::pair<std::string, std::string> conversions[] = {
       {"units '1.5 um' --to nm", "1500 nm\n"}, {"units '20 °C' --to K", "293.15 K\n"},

@@ -549,6 +549,12 @@ const Value& Value::at(std::size_t index) const {
 
 Value& Value::at(std::size_t index) { return const_cast<Value&>(std::as_const(*this).at(index)); }
 
+void Value::erase(std::size_t index) {
+  at(index);
+  ListBlock& block = list_in(bytes_);
+  block.erase(block.begin() + static_cast<std::ptrdiff_t>(index));
+}
+
 std::span<Member> Value::members() {
   if (tag_ == kNullTag) *this = object();
   require_kind(*this, Kind::object);

@@ -128,6 +128,8 @@ class TARNIO_EXPORT Value {
   Value& at(std::size_t index);
   const Value& at(std::size_t index) const;
   Value& operator[](std::size_t index) { return at(index); }
+  // Removes the item; later items move up one place. Throws as at() for a bad index.
+  void erase(std::size_t index);
   const Value& operator[](std::size_t index) const { return at(index); }
 
   // Objects. The non-const forms turn a null value into an empty object first; any other kind

@@ -37,6 +37,7 @@ void add_compact_command(CLI::App& app);
 void add_tcp_command(CLI::App& app);
 void add_pack_command(CLI::App& app);
 void add_unpack_command(CLI::App& app);
+void add_ome_command(CLI::App& app);
 
 // The bytes each command moves per call when it streams stack data: the library's own block
 // size. Blocks of 16 MiB were measurably slower, as each one leaves the CPU caches.
@@ -63,6 +64,13 @@ void replace_file(const std::filesystem::path& target,
 // unfinished stack and keeps the stacks it had. `fill` closes the file when it is done.
 void fill_file(const std::filesystem::path& out, bool append,
                const std::function<void(Tarn::bf::FileInterface&)>& fill);
+
+// The whole text of the file `name`, or of standard input for "-". Throws std::runtime_error
+// "Could not read '{name}': {system text}".
+std::string read_input(const std::string& name);
+// Writes `text` to the file `name`, or to standard output when `name` is empty. Throws
+// std::runtime_error "Could not write '{name}': {system text}" / "Could not write output: ...".
+void write_output(const std::string& name, const std::string& text);
 
 // Prints what `tarn info` prints for the TBF file at `path`. Throws as Tarn::open_file does.
 void print_info(const std::filesystem::path& path, bool json);

@@ -65,6 +65,7 @@ int main(int argc, char** argv) {
   tarn::add_tcp_command(app);
   tarn::add_pack_command(app);
   tarn::add_unpack_command(app);
+  tarn::add_ome_command(app);
   std::signal(SIGPIPE, SIG_IGN);
 
   try {
