@@ -15,7 +15,12 @@
 //
 // Write mode gives a fresh file: an existing regular file with one name is unlinked and
 // created anew, which costs far less than truncating its blocks in place; a symbolic link, a
-// file with several names or a device keeps its identity and is truncated (or written) instead.
+// file with several names or a device keeps its identity and is truncated (or written) instead,
+// and so does a file whose owner and group the new file could not be given. The new file gets
+// the old one's owner, group and permission bits; it does not keep the old inode number, the
+// timestamps, extended attributes (access control lists, security labels) or inode flags. When
+// the new file cannot be created after the old one was unlinked (the name was taken meanwhile,
+// no descriptor or quota left), open() fails with the system's text and writes nothing.
 
 #include <cstdint>
 #include <filesystem>
