@@ -235,6 +235,14 @@ std::uint64_t FileImp::begin_stack(StackImp& stack) {
     throw std::runtime_error("Another stack of the file is still being written.");
   }
   if (header_pending_) write_header();
+  // An appended stack is linked into the chain as soon as its header is written, so that
+  // readers of the growing file follow it; until close() writes the new metadata block, the
+  // file says it is incomplete, as a file in write mode does. A killed append so leaves a file
+  // that recovery reads, never one that shows a half-written stack as complete.
+  if (metadata_position_ != 0) {
+    internal::patch_u64(*this, metadata_field_position_, 0);
+    metadata_position_ = 0;
+  }
   // A stack that failed before is taken out of the chain, so the new one takes its link.
   drop_unfinished_stack();
 

@@ -608,6 +608,11 @@ std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t po
     return stack;
   }
 
+  // A stack that says it holds data but has none was never committed: its writer died (or the
+  // header was damaged). Reading it as a stack without data would hide that.
+  if (header.data_length == 0 && header.data_flag != 0 && elements > 0) {
+    throw_tarn("Stack data missing: the stack was never committed.");
+  }
   const std::optional<internal::StackRecord> record =
       internal::read_stack_record(file, data_position + header.data_length, size);
   std::uint32_t minimum_reader_version = internal::kNoMinimumReaderVersion;

@@ -79,8 +79,9 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
 
   // Reads the stack whose header starts at `position` of the host's file; the stack is
   // committed (or without data). Throws TarnError "Stack header not in TBF format.", "Cannot
-  // set data layout.", "Cannot read stack with file format reader version 7. Need >= {}." and
-  // the disk file's errors for a damaged or truncated stack.
+  // set data layout.", "Cannot read stack with file format reader version 7. Need >= {}.",
+  // "Stack data missing: the stack was never committed." (data flag set, data length 0, not
+  // empty) and the disk file's errors for a damaged or truncated stack.
   static std::shared_ptr<StackImp> read_from(StackHost& host, std::uint64_t position);
   // As read_from for a file whose writer is still at work or died: a stack whose data length is
   // still 0 is returned when it is written chunk-wise, with the chunks committed so far (a
