@@ -3,6 +3,7 @@
 #include <array>
 #include <stdexcept>
 
+#include "tarnio/bf/internal/length_prefix.h"
 #include "tarnio/bf/internal/positioning.h"
 #include "tarnio/errors/internal/raise.h"
 
@@ -34,12 +35,10 @@ void DiskFileAccess::read_str(std::string& s, std::uint64_t n) {
 
 void DiskFileAccess::write_str(const std::string& s, bool with_length) {
   if (with_length) {
-    if (s.size() > std::numeric_limits<std::uint32_t>::max()) {
-      throw std::length_error("String too long for a 4-byte length.");
-    }
-    const Prefix prefix{
-        static_cast<unsigned char>(s.size()), static_cast<unsigned char>(s.size() >> 8),
-        static_cast<unsigned char>(s.size() >> 16), static_cast<unsigned char>(s.size() >> 24)};
+    const std::uint32_t length = internal::length_prefix(s.size());
+    const Prefix prefix{static_cast<unsigned char>(length), static_cast<unsigned char>(length >> 8),
+                        static_cast<unsigned char>(length >> 16),
+                        static_cast<unsigned char>(length >> 24)};
     write(prefix.data(), prefix.size());
   }
   write(s.data(), s.size());

@@ -40,8 +40,8 @@ class TARNIO_EXPORT DiskFileAccess {
   // (after the length) left as they were.
   void read_str(std::string& s, std::uint64_t n = kNpos);
   // Writes the characters of s, without terminator, after their count as a 4-byte
-  // little-endian length when with_length is set. Throws std::length_error, writing nothing,
-  // when the count does not fit in the length.
+  // little-endian length when with_length is set. Throws TarnError "String too long for a 4-byte
+  // length.", writing nothing, when the count does not fit in the length.
   void write_str(const std::string& s, bool with_length = true);
 
  protected:

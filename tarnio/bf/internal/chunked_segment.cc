@@ -362,9 +362,7 @@ void ChunkedSegment::read(std::uint64_t offset, std::span<std::byte> out) {
   State& s = *state_;
   const std::size_t element_size = s.layout.element_size;
   const std::uint64_t length = s.committed_samples * element_size;
-  if (offset > length || out.size() > length - offset) {
-    throw std::out_of_range("Bytes beyond the end of the stack data requested.");
-  }
+  require_within(offset, out.size(), length);
   if (out.empty()) return;
   // The last chunk whose plain bytes start at or before the offset.
   auto it = std::upper_bound(s.chunks.begin(), s.chunks.end(), offset,

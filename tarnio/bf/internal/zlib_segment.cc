@@ -514,9 +514,7 @@ std::uint64_t ZlibSegment::finish() {
 void ZlibSegment::read(std::uint64_t offset, std::span<std::byte> out) {
   State& s = *state_;
   s.require_reading();
-  if (offset > s.plain_length || out.size() > s.plain_length - offset) {
-    throw std::out_of_range("Bytes beyond the end of the stack data requested.");
-  }
+  require_within(offset, out.size(), s.plain_length);
   if (out.empty()) return;
   if (s.points.empty()) {
     // A stream without index: front to back, going on from the last read where it can.

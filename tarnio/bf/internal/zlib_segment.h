@@ -62,7 +62,7 @@ class ZlibSegment final : public DataSegment {
   void append(std::span<const std::byte> bytes) override;
   std::uint64_t finish() override;
   // Throws std::runtime_error "Zipped segment unexpectedly initialized in write mode." on a
-  // segment being written, std::out_of_range for bytes beyond the plain data.
+  // segment being written, std::invalid_argument for bytes beyond the plain data.
   void read(std::uint64_t offset, std::span<std::byte> out) override;
   // The flush index (key flush_index), once finished.
   std::vector<std::pair<RecordKey, std::string>> record_entries() const override;
