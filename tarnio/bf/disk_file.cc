@@ -101,6 +101,13 @@ int settle(int& fd, const std::filesystem::path& path, Mode mode, bool locked) {
   return 0;
 }
 
+void require_all_read(const internal::TransferResult& result, std::uint64_t n) {
+  if (result.error != 0) {
+    throw_tarn("Failed reading {} bytes from file: {}", n, os_error_text(result.error));
+  }
+  if (result.done < n) throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
+}
+
 }  // namespace
 
 DiskFile::DiskFile(const std::filesystem::path& path, Mode mode) { open(path, mode); }
@@ -159,10 +166,21 @@ void DiskFile::read(void* buf, std::uint64_t n) {
       internal::transfer_all(n, [&](std::uint64_t offset, std::size_t count) {
         return ::read(handle_, bytes + offset, count);
       });
-  if (result.error != 0) {
-    throw_tarn("Failed reading {} bytes from file: {}", n, os_error_text(result.error));
+  require_all_read(result, n);
+}
+
+void DiskFile::read_at(std::uint64_t pos, void* buf, std::uint64_t n) {
+  require_handle();
+  if (pos > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) ||
+      n > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) - pos) {
+    throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
   }
-  if (result.done < n) throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
+  auto* bytes = static_cast<std::byte*>(buf);
+  const internal::TransferResult result =
+      internal::transfer_all(n, [&](std::uint64_t offset, std::size_t count) {
+        return ::pread(handle_, bytes + offset, count, static_cast<off_t>(pos + offset));
+      });
+  require_all_read(result, n);
 }
 
 void DiskFile::write(const void* buf, std::uint64_t n) {

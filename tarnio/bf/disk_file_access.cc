@@ -44,4 +44,16 @@ void DiskFileAccess::write_str(const std::string& s, bool with_length) {
   write(s.data(), s.size());
 }
 
+void DiskFileAccess::read_at(std::uint64_t pos, void* buf, std::uint64_t n) {
+  internal::seek_exactly(*this, pos);
+  read(buf, n);
+}
+
+std::uint64_t DiskFileAccess::current_size() {
+  const std::uint64_t here = tell();
+  const std::uint64_t size = internal::seek_end(*this);
+  internal::seek_exactly(*this, here);
+  return size;
+}
+
 }  // namespace Tarn::bf

@@ -727,6 +727,7 @@ std::uint64_t StackImp::read(std::uint64_t first, std::uint64_t count, void* buf
   auto* out = static_cast<std::byte*>(buffer);
   auto* out_imag = static_cast<std::byte*>(imag);
   const std::uint64_t start = first * element_size;
+  const std::lock_guard lock(read_mutex_);
   if (!convert) {
     const std::uint64_t piece = kDirectPiece / element_size * element_size;
     for (std::uint64_t done = 0; done < bytes;) {
@@ -773,7 +774,9 @@ const std::vector<FlushPoint>& StackImp::flush_points() const {
 
 std::vector<std::byte> StackImp::read_flush_blocks(std::uint64_t begin, std::uint64_t end) {
   host();
-  return flush_block_segment(state_, segment_.get()).read_flush_blocks(begin, end);
+  internal::ZlibSegment& segment = flush_block_segment(state_, segment_.get());
+  const std::lock_guard lock(read_mutex_);
+  return segment.read_flush_blocks(begin, end);
 }
 
 void StackImp::verify() {
@@ -781,6 +784,7 @@ void StackImp::verify() {
   if (state_ != State::committed) {
     throw std::runtime_error("Stack not committed to disk. Cannot read.");
   }
+  const std::lock_guard lock(read_mutex_);
   if (auto* zlib = dynamic_cast<internal::ZlibSegment*>(segment_.get())) zlib->verify();
   if (auto* chunked = dynamic_cast<internal::ChunkedSegment*>(segment_.get())) chunked->verify();
 }

@@ -31,8 +31,7 @@ using FrameHeader = std::array<std::byte, kChunkHeaderSize>;
 
 FrameHeader read_frame_header(DiskFileAccess& file, std::uint64_t position) {
   FrameHeader header{};
-  seek_exactly(file, position);
-  file.read(header.data(), header.size());
+  file.read_at(position, header.data(), header.size());
   return header;
 }
 
@@ -62,23 +61,6 @@ struct ChunkedSegment::State {
 
   void open_chunk();
   void commit_chunk(std::uint64_t samples);
-  // Runs `work`, which moves the file position, and then puts the position back where the next
-  // append goes when the segment is being written, also when `work` throws.
-  template <typename Work>
-  void keep_write_position(Work&& work) {
-    try {
-      work();
-    } catch (...) {
-      try {
-        restore_write_position();
-      } catch (...) {
-        // The first failure is the one to report.
-      }
-      throw;
-    }
-    restore_write_position();
-  }
-  void restore_write_position();
   // Where the next append goes while writing.
   std::uint64_t write_position() const;
   // Reads plain bytes from `offset` on into `out`, starting with chunk `i`, which holds the offset.
@@ -153,12 +135,6 @@ std::uint64_t ChunkedSegment::State::write_position() const {
   return frame_position() + kChunkHeaderSize + open_plain_bytes;
 }
 
-void ChunkedSegment::State::restore_write_position() {
-  if (phase != Phase::writing) return;
-  const std::uint64_t position = write_position();
-  if (file.tell() != position) seek_exactly(file, position);
-}
-
 ZlibSegment& ChunkedSegment::State::reader_for(std::size_t i) {
   if (reader && reader_chunk == i) return *reader;
   reader.reset();
@@ -167,9 +143,9 @@ ZlibSegment& ChunkedSegment::State::reader_for(std::size_t i) {
   const std::uint64_t plain = chunk.samples * layout.element_size;
   std::vector<FlushPoint> points;
   if (chunk.index_length != 0) {
-    std::string index;
-    seek_exactly(file, stored_position + chunk.stored_length);
-    file.read_str(index, chunk.index_length);
+    // Its length was checked against the file when the chunk was found.
+    std::string index(chunk.index_length, '\0');
+    file.read_at(stored_position + chunk.stored_length, index.data(), index.size());
     points = decode_flush_index(index, plain, chunk.stored_length);
   }
   reader = std::make_unique<ZlibSegment>(file, stored_position, chunk.stored_length, plain,
@@ -370,7 +346,7 @@ void ChunkedSegment::read(std::uint64_t offset, std::span<std::byte> out) {
                                return value < chunk.first_sample * element_size;
                              });
   std::size_t i = static_cast<std::size_t>(std::distance(s.chunks.begin(), it)) - 1;
-  s.keep_write_position([&] { s.read_chunks(i, offset, out); });
+  s.read_chunks(i, offset, out);
 }
 
 void ChunkedSegment::State::read_chunks(std::size_t i, std::uint64_t offset,
@@ -385,9 +361,8 @@ void ChunkedSegment::State::read_chunks(std::size_t i, std::uint64_t offset,
     if (compressed()) {
       reader_for(i).read(within, piece);
     } else {
-      const std::uint64_t target = data_position + chunk.frame_offset + kChunkHeaderSize + within;
-      if (file.tell() != target) seek_exactly(file, target);
-      file.read(piece.data(), piece.size());
+      file.read_at(data_position + chunk.frame_offset + kChunkHeaderSize + within, piece.data(),
+                   piece.size());
     }
     out = out.subspan(piece.size());
     offset += n;
@@ -417,9 +392,7 @@ std::uint64_t ChunkedSegment::committed_samples() const { return state_->committ
 void ChunkedSegment::verify() {
   State& s = *state_;
   if (!s.compressed()) return;
-  s.keep_write_position([&] {
-    for (std::size_t i = 0; i < s.chunks.size(); ++i) s.reader_for(i).verify();
-  });
+  for (std::size_t i = 0; i < s.chunks.size(); ++i) s.reader_for(i).verify();
 }
 
 }  // namespace Tarn::bf::internal

@@ -3,9 +3,10 @@
 // DataSegment: the element data of one file stack on disk, as the stack sees it: plain bytes
 // in the stack's element type, appended front to back while writing and read by byte range
 // afterwards, whatever the segment stores (plain bytes, one zlib stream, or chunk frames). A
-// segment works at a fixed data position of a DiskFileAccess it borrows. All file access of a
-// segment happens in the calling thread, so between two calls the file position is
-// end_position() while writing. Not thread-safe.
+// segment works at a fixed data position of a DiskFileAccess it borrows. Writing happens in the
+// calling thread, so between two calls the file position is end_position() while writing;
+// reading goes through read_at and never moves the position, so reads may come between the
+// writes of any stack. Not thread-safe: the stack serialises the calls of one segment.
 
 #include <cstddef>
 #include <cstdint>

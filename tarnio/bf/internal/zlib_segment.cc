@@ -202,9 +202,7 @@ struct ZlibSegment::State {
   }
 
   void read_stored(std::uint64_t begin, std::span<std::byte> out) {
-    const std::uint64_t position = data_position + begin;
-    if (file.tell() != position) seek_exactly(file, position);
-    file.read(out.data(), out.size());
+    file.read_at(data_position + begin, out.data(), out.size());
   }
 
   void require_reading() const {
@@ -586,10 +584,7 @@ std::vector<std::byte> ZlibSegment::read_flush_blocks(std::uint64_t begin, std::
   }
   s.ensure_in_file(last->stored_offset);
   std::vector<std::byte> bytes(last->stored_offset - first->stored_offset);
-  const std::uint64_t here = s.file.tell();
   s.read_stored(first->stored_offset, bytes);
-  // While writing, the file position stays at the end of what is written.
-  if (s.writing) seek_exactly(s.file, here);
   return bytes;
 }
 
