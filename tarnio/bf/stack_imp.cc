@@ -682,13 +682,17 @@ std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t po
     stack->segment_ = std::move(segment);
   } else if (zlib) {
     std::vector<FlushPoint> points;
+    std::vector<std::uint32_t> checksums;
     if (const std::string* index =
             record ? record->find(internal::RecordKey::flush_index) : nullptr) {
       points = internal::decode_flush_index(*index, elements * element_size, header.data_length);
+      if (const std::string* sums = record->find(internal::RecordKey::block_checksums)) {
+        checksums = internal::decode_block_checksums(*sums, points.size() - 1);
+      }
     }
     stack->segment_ = std::make_unique<internal::ZlibSegment>(
         file, data_position, header.data_length, elements * element_size, std::move(points),
-        zlib->threading);
+        zlib->threading, std::move(checksums));
   } else {
     stack->segment_ =
         std::make_unique<internal::PlainSegment>(file, data_position, header.data_length);
