@@ -136,7 +136,9 @@ TEST(RecoverFile, EveryStackCommittedBeforeAKillComesBackBitExact) {
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 60000);
     while (append && std::chrono::steady_clock::now() < deadline) {
-      expect_numbered_stacks(*Tarn::open_unfinished_file(path), first);
+      auto follower = Tarn::open_unfinished_file(path);
+      EXPECT_EQ(follower->metadata().at("note"), "before the append");
+      expect_numbered_stacks(*follower, first);
     }
     std::this_thread::sleep_until(deadline);
     ::kill(writer, SIGKILL);
@@ -174,6 +176,9 @@ TEST(RecoverFile, EveryStackCommittedBeforeAKillComesBackBitExact) {
     ASSERT_GE(file->number_of_stacks(), committed) << "round " << round;
     ASSERT_LE(file->number_of_stacks(), committed + 1) << "round " << round;
     EXPECT_EQ(result.stacks, file->number_of_stacks());
+    if (append) {
+      EXPECT_EQ(file->metadata().at("note"), "before the append");
+    }
     expect_numbered_stacks(*file, committed);
   }
 }
