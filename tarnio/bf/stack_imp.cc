@@ -633,6 +633,8 @@ std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t po
   }
   const std::string* chunk_index =
       record ? record->find(internal::RecordKey::chunk_index) : nullptr;
+  const std::string* chunk_sums =
+      record ? record->find(internal::RecordKey::chunk_checksums) : nullptr;
   // Chunk frames without their index (the record was lost) are walked instead. Plain data of
   // exactly the elements' length is never taken for frames, nor is a zlib stream, whose first
   // byte differs from the frame magic's.
@@ -669,8 +671,9 @@ std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t po
     const internal::ChunkLayout layout{element_size, 1, zlib};
     auto segment =
         chunk_index != nullptr
-            ? internal::ChunkedSegment::from_index(file, data_position, header.data_length,
-                                                   elements, *chunk_index, layout)
+            ? internal::ChunkedSegment::from_index(
+                  file, data_position, header.data_length, elements, *chunk_index, layout,
+                  chunk_sums != nullptr ? std::string_view(*chunk_sums) : std::string_view())
             : internal::ChunkedSegment::from_frames(
                   file, data_position, data_position + header.data_length, elements, layout);
     if (segment->committed_samples() != elements ||

@@ -74,6 +74,8 @@ struct ChunkedSegment::State {
   Phase phase = Phase::writing;
 
   std::vector<Chunk> chunks;
+  // Per compressed chunk, the encoded checksums of its flush blocks; empty without them.
+  std::vector<std::string> chunk_sums;
   std::uint64_t committed_samples = 0;
   // From the data position to just behind the last committed frame.
   std::uint64_t frames_end = 0;
@@ -110,6 +112,7 @@ void ChunkedSegment::State::commit_chunk(std::uint64_t samples) {
   std::uint64_t index_length = 0;
   if (writer) {
     stored = writer->finish();
+    chunk_sums.push_back(encode_block_checksums(writer->block_checksums()));
     const std::string index = encode_flush_index(writer->flush_points());
     writer.reset();
     file.write(index.data(), index.size());
@@ -148,8 +151,13 @@ ZlibSegment& ChunkedSegment::State::reader_for(std::size_t i) {
     file.read_at(stored_position + chunk.stored_length, index.data(), index.size());
     points = decode_flush_index(index, plain, chunk.stored_length);
   }
+  std::vector<std::uint32_t> checksums;
+  if (i < chunk_sums.size() && !points.empty()) {
+    checksums = decode_block_checksums(chunk_sums[i], points.size() - 1);
+  }
   reader = std::make_unique<ZlibSegment>(file, stored_position, chunk.stored_length, plain,
-                                         std::move(points), layout.zlib->threading);
+                                         std::move(points), layout.zlib->threading,
+                                         std::move(checksums));
   reader_chunk = i;
   return *reader;
 }
@@ -167,10 +175,21 @@ ChunkedSegment::~ChunkedSegment() = default;
 
 std::unique_ptr<ChunkedSegment> ChunkedSegment::from_index(
     DiskFileAccess& file, std::uint64_t data_position, std::uint64_t data_length,
-    std::uint64_t samples, std::string_view chunk_index, ChunkLayout layout) {
+    std::uint64_t samples, std::string_view chunk_index, ChunkLayout layout,
+    std::string_view chunk_checksums) {
   auto segment = std::make_unique<ChunkedSegment>(file, data_position, std::move(layout));
   State& s = *segment->state_;
   s.phase = State::Phase::reading;
+  while (!chunk_checksums.empty()) {
+    if (chunk_checksums.size() < 4) damaged_index("its block checksums are cut short.");
+    const std::uint32_t size = get_u32(std::as_bytes(std::span(chunk_checksums.data(), 4)), 0);
+    if (size > chunk_checksums.size() - 4) damaged_index("its block checksums are cut short.");
+    s.chunk_sums.emplace_back(chunk_checksums.substr(4, size));
+    chunk_checksums.remove_prefix(4 + size);
+  }
+  if (!s.chunk_sums.empty() && s.chunk_sums.size() != chunk_index.size() / kChunkIndexEntrySize) {
+    damaged_index("its block checksums do not match its chunks.");
+  }
   const std::size_t element_size = s.layout.element_size;
 
   if (chunk_index.size() % kChunkIndexEntrySize != 0) {
@@ -380,7 +399,14 @@ std::vector<std::pair<RecordKey, std::string>> ChunkedSegment::record_entries() 
     put_u64(bytes, at + 8, s.chunks[i].samples);
     put_u64(bytes, at + 16, s.chunks[i].frame_offset);
   }
-  return {{RecordKey::chunk_index, std::move(index)}};
+  if (s.chunk_sums.empty()) return {{RecordKey::chunk_index, std::move(index)}};
+  std::string sums;
+  for (const std::string& chunk : s.chunk_sums) {
+    const std::uint32_t size = static_cast<std::uint32_t>(chunk.size());
+    sums.append(reinterpret_cast<const char*>(&size), 4).append(chunk);
+  }
+  return {{RecordKey::chunk_index, std::move(index)},
+          {RecordKey::chunk_checksums, std::move(sums)}};
 }
 
 std::uint64_t ChunkedSegment::end_position() const { return state_->write_position(); }

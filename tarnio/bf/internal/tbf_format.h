@@ -95,6 +95,9 @@ enum class RecordKey : std::uint32_t {
   chunk_index = 4,
   // The adler32 of each flush block's plain bytes: one u32 per block of the flush index.
   block_checksums = 5,
+  // The block checksums of each compressed chunk, in chunk order: per chunk a u32 byte count
+  // and that many bytes, laid out as the value of block_checksums.
+  chunk_checksums = 6,
 };
 
 // Compressed data.

@@ -623,6 +623,8 @@ std::uint64_t ZlibSegment::end_position() const {
 
 const std::vector<FlushPoint>& ZlibSegment::flush_points() const { return state_->points; }
 
+const std::vector<std::uint32_t>& ZlibSegment::block_checksums() const { return state_->checksums; }
+
 std::vector<std::byte> ZlibSegment::read_flush_blocks(std::uint64_t begin, std::uint64_t end) {
   State& s = *state_;
   if (s.points.empty()) throw std::runtime_error("No flush blocks available");

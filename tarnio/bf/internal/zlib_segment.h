@@ -74,6 +74,8 @@ class ZlibSegment final : public DataSegment {
 
   // The flush points: those of the index read, or those written so far.
   const std::vector<FlushPoint>& flush_points() const;
+  // The adler32 of each flush block: those given, or those written so far.
+  const std::vector<std::uint32_t>& block_checksums() const;
   // The stored bytes of the flush blocks that make up plain bytes [begin, end): raw deflate
   // runs, each ended by its full flush, which a raw inflater (or this format's stream, between
   // a header and a trailer) takes as they are. Throws std::runtime_error "No flush blocks
