@@ -767,6 +767,8 @@ std::vector<Variant> targeted_variants() {
                fails_with(tarn, too_short)});
   v.push_back(
       {"data_flag_0_with_data", patched_u64(good, cells.position + kDataFlagOffset, 0), opens(n)});
+  v.push_back({"data_length_0_with_data", patched_u64(good, cells.position + kDataLengthOffset, 0),
+               fails_with(tarn, "Stack data missing: the stack was never committed.")});
   v.push_back({"data_length_file_size", patched_u64(good, cells.position + kDataLengthOffset, size),
                fails_with(tarn, data_behind_end)});
   v.push_back({"data_length_all_ones", patched_u64(good, cells.position + kDataLengthOffset, ~0ULL),
@@ -1140,6 +1142,7 @@ TEST(DamagedFileCorpus, DISABLED_WriteFuzzCorpus) {
                                      "compression_zlib_on_plain",
                                      "name_length_all_ones",
                                      "data_flag_0_with_data",
+                                     "data_length_0_with_data",
                                      "data_length_all_ones",
                                      "data_length_on_dataless",
                                      "minimum_reader_version_8",

@@ -50,18 +50,43 @@ int lock(int fd, Mode mode) {
 }
 
 // Whether a locked, existing file at `path` may be replaced by a new one instead of being
-// truncated: a non-empty regular file reached without a link, with no other name.
+// truncated: a non-empty regular file reached without a link, with no other name, whose owner
+// and group the new file can be given.
 bool replaceable(const std::filesystem::path& path, const struct stat& opened) {
   struct stat named {};
-  return ::lstat(path.c_str(), &named) == 0 && S_ISREG(named.st_mode) &&
-         named.st_ino == opened.st_ino && named.st_dev == opened.st_dev && named.st_nlink == 1 &&
-         named.st_size > 0;
+  if (::lstat(path.c_str(), &named) != 0 || !S_ISREG(named.st_mode) ||
+      named.st_ino != opened.st_ino || named.st_dev != opened.st_dev || named.st_nlink != 1 ||
+      named.st_size <= 0) {
+    return false;
+  }
+  return ::geteuid() == 0 || (named.st_uid == ::geteuid() && named.st_gid == ::getegid());
+}
+
+// Creates a new, locked file at `path`, whose old file `fd` holds and was just unlinked, with
+// the old file's owner, group and permission bits; `fd` then becomes the new file's descriptor.
+// Returns 0 or the errno of the step that failed, so that nothing is written to a file that
+// has no name any more.
+int recreate(int& fd, const std::filesystem::path& path, const struct stat& old, Mode mode) {
+  // The old file stays locked until its descriptor closes, behind the new one's lock.
+  const int fresh = ::open(path.c_str(), open_flags(mode) | O_EXCL, old.st_mode & 07777);
+  if (fresh < 0) return errno;
+  int error = 0;
+  if (::fchown(fresh, old.st_uid, old.st_gid) != 0 || ::fchmod(fresh, old.st_mode & 07777) != 0) {
+    error = errno;
+  }
+  if (error == 0) error = lock(fresh, mode);
+  if (error != 0) {
+    ::close(fresh);
+    return error;
+  }
+  ::close(fd);
+  fd = fresh;
+  return 0;
 }
 
 // Makes a freshly opened descriptor a file of the mode: refuses a directory, locks a regular
-// file and, in write mode, empties it: by replacing it with a new file where that is possible
-// (`fd` then becomes the new file's descriptor), by truncating otherwise. Returns 0 or the errno
-// of the step that failed.
+// file and, in write mode, empties it: by replacing it with a new file where that is possible,
+// by truncating otherwise. Returns 0 or the errno of the step that failed.
 int settle(int& fd, const std::filesystem::path& path, Mode mode, bool locked) {
   struct stat info {};
   if (::fstat(fd, &info) != 0) return errno;
@@ -71,22 +96,16 @@ int settle(int& fd, const std::filesystem::path& path, Mode mode, bool locked) {
     if (const int error = lock(fd, mode); error != 0) return error;
   }
   if (mode != Mode::write) return 0;
-  if (replaceable(path, info) && ::unlink(path.c_str()) == 0) {
-    // The old file stays locked until its descriptor closes, behind the new one's lock.
-    const int fresh = ::open(path.c_str(), open_flags(mode) | O_EXCL, info.st_mode & 07777);
-    if (fresh >= 0) {
-      if (const int error = lock(fresh, mode); error != 0) {
-        ::close(fresh);
-        return error;
-      }
-      ::close(fd);
-      fd = fresh;
-      return 0;
-    }
-    // Someone else created the name meanwhile: the unlinked file is written instead.
-  }
+  if (replaceable(path, info) && ::unlink(path.c_str()) == 0) return recreate(fd, path, info, mode);
   if (::ftruncate(fd, 0) != 0) return errno;
   return 0;
+}
+
+void require_all_read(const internal::TransferResult& result, std::uint64_t n) {
+  if (result.error != 0) {
+    throw_tarn("Failed reading {} bytes from file: {}", n, os_error_text(result.error));
+  }
+  if (result.done < n) throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
 }
 
 }  // namespace
@@ -147,10 +166,21 @@ void DiskFile::read(void* buf, std::uint64_t n) {
       internal::transfer_all(n, [&](std::uint64_t offset, std::size_t count) {
         return ::read(handle_, bytes + offset, count);
       });
-  if (result.error != 0) {
-    throw_tarn("Failed reading {} bytes from file: {}", n, os_error_text(result.error));
+  require_all_read(result, n);
+}
+
+void DiskFile::read_at(std::uint64_t pos, void* buf, std::uint64_t n) {
+  require_handle();
+  if (pos > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) ||
+      n > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) - pos) {
+    throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
   }
-  if (result.done < n) throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
+  auto* bytes = static_cast<std::byte*>(buf);
+  const internal::TransferResult result =
+      internal::transfer_all(n, [&](std::uint64_t offset, std::size_t count) {
+        return ::pread(handle_, bytes + offset, count, static_cast<off_t>(pos + offset));
+      });
+  require_all_read(result, n);
 }
 
 void DiskFile::write(const void* buf, std::uint64_t n) {

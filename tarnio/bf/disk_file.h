@@ -3,7 +3,8 @@
 // DiskFile: the one object of the binary stack file that touches the operating system. It holds
 // one POSIX file descriptor, owned when open() obtained it and borrowed when attach() was given
 // it, and offers positioned, unbuffered, whole-or-nothing reads and writes of any size, sizes,
-// the sparse flag and flushing. Not thread-safe: one thread at a time uses an object.
+// the sparse flag and flushing. Not thread-safe, but for read_at and the sizes: one thread at
+// a time uses the position, any number read at positions of their own.
 //
 // Sharing: open() takes an advisory flock on a regular file, shared in read mode and exclusive
 // in write and append mode, so that readers share the file only with other readers. A
@@ -15,7 +16,12 @@
 //
 // Write mode gives a fresh file: an existing regular file with one name is unlinked and
 // created anew, which costs far less than truncating its blocks in place; a symbolic link, a
-// file with several names or a device keeps its identity and is truncated (or written) instead.
+// file with several names or a device keeps its identity and is truncated (or written) instead,
+// and so does a file whose owner and group the new file could not be given. The new file gets
+// the old one's owner, group and permission bits; it does not keep the old inode number, the
+// timestamps, extended attributes (access control lists, security labels) or inode flags. When
+// the new file cannot be created after the old one was unlinked (the name was taken meanwhile,
+// no descriptor or quota left), open() fails with the system's text and writes nothing.
 
 #include <cstdint>
 #include <filesystem>
@@ -62,6 +68,11 @@ class TARNIO_EXPORT DiskFile : public DiskFileAccess {
   // Reading past the end throws "Failed reading {n} bytes from file: File too short.". A null
   // buf is fine when n is 0.
   void read(void* buf, std::uint64_t n) override;
+  // Reads as read() does at pos (pread), without using or moving the position: any number of
+  // threads may read so at once, also while one thread writes through the position.
+  void read_at(std::uint64_t pos, void* buf, std::uint64_t n) override;
+  // size(), callable from several threads at once.
+  std::uint64_t current_size() override { return size(); }
   // Running out of room part way, or a call that writes nothing, throws "Failed writing {n}
   // bytes to file: Not enough space."; the bytes written before stay in the file.
   void write(const void* buf, std::uint64_t n) override;

@@ -3,6 +3,7 @@
 #include <array>
 #include <stdexcept>
 
+#include "tarnio/bf/internal/length_prefix.h"
 #include "tarnio/bf/internal/positioning.h"
 #include "tarnio/errors/internal/raise.h"
 
@@ -34,15 +35,25 @@ void DiskFileAccess::read_str(std::string& s, std::uint64_t n) {
 
 void DiskFileAccess::write_str(const std::string& s, bool with_length) {
   if (with_length) {
-    if (s.size() > std::numeric_limits<std::uint32_t>::max()) {
-      throw std::length_error("String too long for a 4-byte length.");
-    }
-    const Prefix prefix{
-        static_cast<unsigned char>(s.size()), static_cast<unsigned char>(s.size() >> 8),
-        static_cast<unsigned char>(s.size() >> 16), static_cast<unsigned char>(s.size() >> 24)};
+    const std::uint32_t length = internal::length_prefix(s.size());
+    const Prefix prefix{static_cast<unsigned char>(length), static_cast<unsigned char>(length >> 8),
+                        static_cast<unsigned char>(length >> 16),
+                        static_cast<unsigned char>(length >> 24)};
     write(prefix.data(), prefix.size());
   }
   write(s.data(), s.size());
+}
+
+void DiskFileAccess::read_at(std::uint64_t pos, void* buf, std::uint64_t n) {
+  internal::seek_exactly(*this, pos);
+  read(buf, n);
+}
+
+std::uint64_t DiskFileAccess::current_size() {
+  const std::uint64_t here = tell();
+  const std::uint64_t size = internal::seek_end(*this);
+  internal::seek_exactly(*this, here);
+  return size;
 }
 
 }  // namespace Tarn::bf

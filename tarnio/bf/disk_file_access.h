@@ -3,8 +3,9 @@
 // DiskFileAccess: positioned, whole-or-nothing access to the bytes of a file, the one view that
 // the file container, the stacks and their segments have of storage, so that a segment can sit
 // over a disk file or over another access object. Also the encoding of every length-prefixed
-// string in the file formats. Objects are used by one thread at a time; the interface owns
-// nothing.
+// string in the file formats. Objects are used by one thread at a time, except that
+// implementations may allow read_at and current_size from several threads at once (a disk file
+// does); the interface owns nothing.
 
 #include <cstdint>
 #include <limits>
@@ -33,6 +34,14 @@ class TARNIO_EXPORT DiskFileAccess {
   virtual void flush_file_buffers() = 0;
   virtual ThreadingSupport threading_support() const = 0;
   virtual ~DiskFileAccess() = default;
+  // Reads exactly n bytes at the absolute position pos, or throws a TarnError, without using
+  // or moving the file position. This default seeks and reads (and so moves it); a disk file
+  // reads positioned, so that several threads may read at once and a stack being written
+  // keeps its position.
+  virtual void read_at(std::uint64_t pos, void* buf, std::uint64_t n);
+  // The file's size. This default moves to the end and back; a disk file asks the system and
+  // leaves the position alone.
+  virtual std::uint64_t current_size();
 
   // Reads n characters into s; with n = kNpos, first reads n as a 4-byte little-endian length.
   // n is checked against the bytes left before s grows: when the file is shorter, throws the
@@ -40,8 +49,8 @@ class TARNIO_EXPORT DiskFileAccess {
   // (after the length) left as they were.
   void read_str(std::string& s, std::uint64_t n = kNpos);
   // Writes the characters of s, without terminator, after their count as a 4-byte
-  // little-endian length when with_length is set. Throws std::length_error, writing nothing,
-  // when the count does not fit in the length.
+  // little-endian length when with_length is set. Throws TarnError "String too long for a 4-byte
+  // length.", writing nothing, when the count does not fit in the length.
   void write_str(const std::string& s, bool with_length = true);
 
  protected:

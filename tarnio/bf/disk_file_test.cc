@@ -83,7 +83,9 @@ TEST(DiskFileModes, WriteReplacesPlainFilesAndTruncatesSharedOnes) {
   TempDir dir;
   const auto path = dir / "data.tbf";
   write_file(path, "old contents");
-  ::chmod(path.c_str(), 0640);
+  // The new file keeps bits that the process's umask would take from a file it creates.
+  const mode_t umask = ::umask(022);
+  ::chmod(path.c_str(), 0666);
   const std::uint64_t old_inode = inode_of(path);
   {
     // A reader of the old file keeps reading it while the new one is written.
@@ -98,7 +100,8 @@ TEST(DiskFileModes, WriteReplacesPlainFilesAndTruncatesSharedOnes) {
   EXPECT_EQ(read_file(path), "new");
   struct stat info {};
   ASSERT_EQ(::stat(path.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0640u);
+  EXPECT_EQ(info.st_mode & 07777, 0666u);
+  ::umask(umask);
 
   const auto link = dir / "link.tbf";
   const auto hard = dir / "hard.tbf";
@@ -110,6 +113,34 @@ TEST(DiskFileModes, WriteReplacesPlainFilesAndTruncatesSharedOnes) {
   EXPECT_EQ(inode_of(path), shared_inode);
   EXPECT_EQ(read_file(path), "via hard link");
   EXPECT_TRUE(std::filesystem::is_symlink(link));
+}
+
+// The old file is unlinked before the new one is created; when that creation fails (here for
+// want of a descriptor), the open fails instead of writing into the file without a name.
+TEST(DiskFileModes, WriteFailsWhenTheReplacementCannotBeCreated) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own";
+#endif
+  TempDir dir;
+  const auto path = dir / "data.tbf";
+  write_file(path, "old contents");
+  rlimit saved{};
+  ::getrlimit(RLIMIT_NOFILE, &saved);
+  rlimit lowered = saved;
+  lowered.rlim_cur = 64;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+  std::vector<int> taken;
+  for (int fd = ::open("/dev/null", O_RDONLY); fd >= 0; fd = ::open("/dev/null", O_RDONLY)) {
+    taken.push_back(fd);
+  }
+  ASSERT_FALSE(taken.empty());
+  ::close(taken.back());
+  taken.pop_back();
+  EXPECT_THROW_MESSAGE(DiskFile(path, Mode::write), TarnError,
+                       "Could not open file: Too many open files");
+  for (const int fd : taken) ::close(fd);
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 TEST(DiskFileModes, MissingFilesAndDirectoriesCannotBeOpened) {

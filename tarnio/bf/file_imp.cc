@@ -235,6 +235,14 @@ std::uint64_t FileImp::begin_stack(StackImp& stack) {
     throw std::runtime_error("Another stack of the file is still being written.");
   }
   if (header_pending_) write_header();
+  // An appended stack is linked into the chain as soon as its header is written, so that
+  // readers of the growing file follow it; until close() writes the new metadata block, the
+  // file says it is incomplete, as a file in write mode does. A killed append so leaves a file
+  // that recovery reads, never one that shows a half-written stack as complete.
+  if (metadata_position_ != 0) {
+    internal::patch_u64(*this, metadata_field_position_, 0);
+    metadata_position_ = 0;
+  }
   // A stack that failed before is taken out of the chain, so the new one takes its link.
   drop_unfinished_stack();
 
@@ -329,7 +337,9 @@ void FileImp::read_chain(bool unfinished) {
 
   StackHost& host = *this;
   std::uint64_t position = read_u64_at(*this, header_position_ + kFirstStackOffset);
+  std::uint64_t previous_end = header_end(header_position_, format_version_, description_);
   while (position != 0) {
+    if (unfinished) take_metadata_between(previous_end, position);
     if (position > file_size || file_size - position < kStackHeaderSize ||
         occupied.overlaps(position, position + kStackHeaderSize)) {
       if (unfinished) return;
@@ -353,9 +363,27 @@ void FileImp::read_chain(bool unfinished) {
       throw std::runtime_error("Invalid stack position specified in header.");
     }
     occupied.add(position, end);
+    previous_end = end;
     stacks_.push_back(stack);
     if (stack->is_unfinished()) return;
     position = stack->next_position();
+  }
+}
+
+// An append marks its file incomplete until close; when it died, the metadata block of the
+// file as it was before lies between the last stack the file had and the first one added. It
+// is taken when it fills that gap exactly, so that recovery keeps it.
+void FileImp::take_metadata_between(std::uint64_t begin, std::uint64_t end) {
+  if (metadata_position_ != 0 || !metadata_.empty() || begin >= end ||
+      format_version_ < kFirstVersionWithMetadata) {
+    return;
+  }
+  try {
+    internal::seek_exactly(*this, begin);
+    auto entries = internal::read_metadata_block(*this, end);
+    if (tell() == end) metadata_ = std::move(entries);
+  } catch (const std::exception&) {
+    // Whatever lies in the gap is no metadata block.
   }
 }
 

@@ -58,7 +58,8 @@ class TARNIO_EXPORT FileImp : public FileInterface,
   // without the readers' lock and without its metadata block when there is none yet. The
   // stacks are those committed, in chain order, up to the first that is not, plus, when that
   // one is written chunk-wise, its committed chunks (StackImp::is_unfinished). Anything damaged
-  // or not yet written ends the chain quietly. Throws as open() for a file without header.
+  // or not yet written ends the chain quietly. A file whose append has not finished keeps the
+  // metadata it had before the append. Throws as open() for a file without header.
   void open_unfinished(const std::filesystem::path& path);
   void close() override;
   bool is_open() const override;
@@ -99,6 +100,7 @@ class TARNIO_EXPORT FileImp : public FileInterface,
   void read_header();
   void read_metadata();
   void read_chain(bool unfinished);
+  void take_metadata_between(std::uint64_t begin, std::uint64_t end);
   void write_header();
   void write_metadata();
   void drop_unfinished_stack();

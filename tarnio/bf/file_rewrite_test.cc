@@ -45,26 +45,32 @@ std::vector<std::uint16_t> read_all(StackImp& stack) {
   return samples;
 }
 
-// The writer of the kill loop: stacks of three kinds in turn (plain, compressed, growing
-// chunk-wise), each reported on `report` once committed, until killed.
-[[noreturn]] void write_until_killed(const std::filesystem::path& path, int report) {
+// Stack `i` of the kill loop: plain, compressed or growing chunk-wise in turn, of 1 to 4
+// planes.
+void add_numbered_stack(FileInterface& file, std::uint64_t i) {
+  const std::uint64_t planes = 1 + i % 4;
+  const auto samples = samples_of(i, 128 * 96 * planes);
+  auto stack = file.add_stack(Tarn::dt::uint16, {128, 96, planes});
+  stack->set_name("stack " + std::to_string(i));
+  if (i % 3 == 1) stack->set_compression(Compression::zlib, static_cast<std::uint32_t>(1 + i % 9));
+  if (i % 3 == 2) stack->set_variable_last_dimension(true);
+  stack->set_flush_block_size(20000);
+  for (std::uint64_t p = 0; p < planes; ++p) {
+    stack->write(std::span<const std::uint16_t>(samples.data() + p * 128 * 96, 128 * 96));
+  }
+  stack->commit();
+}
+
+// The writer of the kill loop: adds stacks from number `first` on to the file opened in `mode`,
+// each reported on `report` once committed, until killed.
+[[noreturn]] void write_until_killed(const std::filesystem::path& path, Mode mode,
+                                     std::uint64_t first, int report) {
   try {
     auto file = Tarn::create_file();
-    file->open(path, Mode::write);
+    file->open(path, mode);
     file->set_threading_support({2, {}});
-    for (std::uint64_t i = 0;; ++i) {
-      const std::uint64_t planes = 1 + i % 4;
-      const auto samples = samples_of(i, 128 * 96 * planes);
-      auto stack = file->add_stack(Tarn::dt::uint16, {128, 96, planes});
-      stack->set_name("stack " + std::to_string(i));
-      if (i % 3 == 1)
-        stack->set_compression(Compression::zlib, static_cast<std::uint32_t>(1 + i % 9));
-      if (i % 3 == 2) stack->set_variable_last_dimension(true);
-      stack->set_flush_block_size(20000);
-      for (std::uint64_t p = 0; p < planes; ++p) {
-        stack->write(std::span<const std::uint16_t>(samples.data() + p * 128 * 96, 128 * 96));
-      }
-      stack->commit();
+    for (std::uint64_t i = first;; ++i) {
+      add_numbered_stack(*file, i);
       const std::uint32_t index = static_cast<std::uint32_t>(i);
       if (::write(report, &index, sizeof index) != sizeof index) ::_exit(3);
     }
@@ -73,34 +79,87 @@ std::vector<std::uint16_t> read_all(StackImp& stack) {
   }
 }
 
+// Every stack of `file` holds a prefix of its numbered samples: all of them, or for a growing
+// stack that may be cut short, whole planes.
+void expect_numbered_stacks(FileInterface& file, std::uint64_t committed) {
+  for (std::uint64_t i = 0; i < file.number_of_stacks(); ++i) {
+    auto stack = file.stack(i);
+    const std::uint64_t planes = stack->shape().back();
+    const std::uint64_t full = 1 + i % 4;
+    EXPECT_EQ(stack->name(), "stack " + std::to_string(i));
+    if (i < committed) {
+      EXPECT_EQ(planes, full);
+    } else {
+      // Only a growing stack can come back shorter than it was meant to be: its committed
+      // chunks (all of them, when the writer died just before commit).
+      EXPECT_GE(planes, 1u);
+      EXPECT_LE(planes, full);
+      if (planes < full) {
+        EXPECT_EQ(i % 3, 2u);
+      }
+    }
+    const auto expected = samples_of(i, 128 * 96 * full);
+    const auto got = read_all(*stack);
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.begin())) << "stack " << i;
+  }
+}
+
+// Writers in write mode and appenders to a finished file of `kBase` stacks, killed at random
+// moments while another process (this one) follows the growing file: the follower only ever
+// sees sound stacks, the killed file never shows a half-written stack as complete, and its
+// recovery gives back every stack committed before the kill.
 TEST(RecoverFile, EveryStackCommittedBeforeAKillComesBackBitExact) {
+  constexpr std::uint64_t kBase = 3;
   TempDir dir;
   std::mt19937 random(20261122);
-  for (int round = 0; round < 25; ++round) {
+  for (int round = 0; round < 40; ++round) {
+    const bool append = round % 2 == 1;
     const auto path = dir / "killed.tbf";
+    std::filesystem::remove(path);
+    if (append) {
+      auto file = Tarn::create_file();
+      file->open(path, Mode::write);
+      file->set_metadata("note", "before the append");
+      for (std::uint64_t i = 0; i < kBase; ++i) add_numbered_stack(*file, i);
+      file->close();
+    }
+    const std::uint64_t first = append ? kBase : 0;
     std::array<int, 2> pipe{};
     ASSERT_EQ(::pipe(pipe.data()), 0);
     const pid_t writer = ::fork();
     ASSERT_GE(writer, 0);
     if (writer == 0) {
       ::close(pipe[0]);
-      write_until_killed(path, pipe[1]);
+      write_until_killed(path, append ? Mode::append : Mode::write, first, pipe[1]);
     }
     ::close(pipe[1]);
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 60000));
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 60000);
+    while (append && std::chrono::steady_clock::now() < deadline) {
+      auto follower = Tarn::open_unfinished_file(path);
+      EXPECT_EQ(follower->metadata().at("note"), "before the append");
+      expect_numbered_stacks(*follower, first);
+    }
+    std::this_thread::sleep_until(deadline);
     ::kill(writer, SIGKILL);
     int status = 0;
     ASSERT_EQ(::waitpid(writer, &status, 0), writer);
     ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself: " << status;
     std::uint32_t index = 0;
-    std::uint64_t committed = 0;
+    std::uint64_t committed = first;
     while (::read(pipe[0], &index, sizeof index) == sizeof index) committed = index + 1;
     ::close(pipe[0]);
 
     if (!std::filesystem::exists(path)) continue;
-    if (std::filesystem::file_size(path) > 64) {
-      EXPECT_THROW_MESSAGE(Tarn::open_file(path, Mode::read), std::runtime_error,
-                           "File incomplete. Metadata missing.");
+    try {
+      // Only an append killed before it began a stack leaves a complete file: the one it had.
+      auto file = Tarn::open_file(path, Mode::read);
+      EXPECT_TRUE(append);
+      EXPECT_EQ(file->number_of_stacks(), kBase);
+    } catch (const std::runtime_error& error) {
+      if (append || std::filesystem::file_size(path) > 64) {
+        EXPECT_STREQ(error.what(), "File incomplete. Metadata missing.");
+      }
     }
     const auto out = dir / "recovered.tbf";
     RecoveryResult result;
@@ -117,26 +176,10 @@ TEST(RecoverFile, EveryStackCommittedBeforeAKillComesBackBitExact) {
     ASSERT_GE(file->number_of_stacks(), committed) << "round " << round;
     ASSERT_LE(file->number_of_stacks(), committed + 1) << "round " << round;
     EXPECT_EQ(result.stacks, file->number_of_stacks());
-    for (std::uint64_t i = 0; i < file->number_of_stacks(); ++i) {
-      auto stack = file->stack(i);
-      const std::uint64_t planes = stack->shape().back();
-      const std::uint64_t full = 1 + i % 4;
-      EXPECT_EQ(stack->name(), "stack " + std::to_string(i));
-      if (i < committed) {
-        EXPECT_EQ(planes, full);
-      } else {
-        // Only a growing stack can come back shorter than it was meant to be: its committed
-        // chunks (all of them, when the writer died just before commit).
-        EXPECT_GE(planes, 1u);
-        EXPECT_LE(planes, full);
-        if (planes < full) {
-          EXPECT_EQ(i % 3, 2u);
-        }
-      }
-      const auto expected = samples_of(i, 128 * 96 * full);
-      const auto got = read_all(*stack);
-      EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.begin())) << "stack " << i;
+    if (append) {
+      EXPECT_EQ(file->metadata().at("note"), "before the append");
     }
+    expect_numbered_stacks(*file, committed);
   }
 }
 

@@ -608,6 +608,11 @@ std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t po
     return stack;
   }
 
+  // A stack that says it holds data but has none was never committed: its writer died (or the
+  // header was damaged). Reading it as a stack without data would hide that.
+  if (header.data_length == 0 && header.data_flag != 0 && elements > 0) {
+    throw_tarn("Stack data missing: the stack was never committed.");
+  }
   const std::optional<internal::StackRecord> record =
       internal::read_stack_record(file, data_position + header.data_length, size);
   std::uint32_t minimum_reader_version = internal::kNoMinimumReaderVersion;
@@ -628,6 +633,8 @@ std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t po
   }
   const std::string* chunk_index =
       record ? record->find(internal::RecordKey::chunk_index) : nullptr;
+  const std::string* chunk_sums =
+      record ? record->find(internal::RecordKey::chunk_checksums) : nullptr;
   // Chunk frames without their index (the record was lost) are walked instead. Plain data of
   // exactly the elements' length is never taken for frames, nor is a zlib stream, whose first
   // byte differs from the frame magic's.
@@ -664,8 +671,9 @@ std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t po
     const internal::ChunkLayout layout{element_size, 1, zlib};
     auto segment =
         chunk_index != nullptr
-            ? internal::ChunkedSegment::from_index(file, data_position, header.data_length,
-                                                   elements, *chunk_index, layout)
+            ? internal::ChunkedSegment::from_index(
+                  file, data_position, header.data_length, elements, *chunk_index, layout,
+                  chunk_sums != nullptr ? std::string_view(*chunk_sums) : std::string_view())
             : internal::ChunkedSegment::from_frames(
                   file, data_position, data_position + header.data_length, elements, layout);
     if (segment->committed_samples() != elements ||
@@ -677,13 +685,17 @@ std::shared_ptr<StackImp> StackImp::read_stack(StackHost& host, std::uint64_t po
     stack->segment_ = std::move(segment);
   } else if (zlib) {
     std::vector<FlushPoint> points;
+    std::vector<std::uint32_t> checksums;
     if (const std::string* index =
             record ? record->find(internal::RecordKey::flush_index) : nullptr) {
       points = internal::decode_flush_index(*index, elements * element_size, header.data_length);
+      if (const std::string* sums = record->find(internal::RecordKey::block_checksums)) {
+        checksums = internal::decode_block_checksums(*sums, points.size() - 1);
+      }
     }
     stack->segment_ = std::make_unique<internal::ZlibSegment>(
         file, data_position, header.data_length, elements * element_size, std::move(points),
-        zlib->threading);
+        zlib->threading, std::move(checksums));
   } else {
     stack->segment_ =
         std::make_unique<internal::PlainSegment>(file, data_position, header.data_length);
@@ -722,6 +734,7 @@ std::uint64_t StackImp::read(std::uint64_t first, std::uint64_t count, void* buf
   auto* out = static_cast<std::byte*>(buffer);
   auto* out_imag = static_cast<std::byte*>(imag);
   const std::uint64_t start = first * element_size;
+  const std::lock_guard lock(read_mutex_);
   if (!convert) {
     const std::uint64_t piece = kDirectPiece / element_size * element_size;
     for (std::uint64_t done = 0; done < bytes;) {
@@ -768,7 +781,9 @@ const std::vector<FlushPoint>& StackImp::flush_points() const {
 
 std::vector<std::byte> StackImp::read_flush_blocks(std::uint64_t begin, std::uint64_t end) {
   host();
-  return flush_block_segment(state_, segment_.get()).read_flush_blocks(begin, end);
+  internal::ZlibSegment& segment = flush_block_segment(state_, segment_.get());
+  const std::lock_guard lock(read_mutex_);
+  return segment.read_flush_blocks(begin, end);
 }
 
 void StackImp::verify() {
@@ -776,6 +791,7 @@ void StackImp::verify() {
   if (state_ != State::committed) {
     throw std::runtime_error("Stack not committed to disk. Cannot read.");
   }
+  const std::lock_guard lock(read_mutex_);
   if (auto* zlib = dynamic_cast<internal::ZlibSegment*>(segment_.get())) zlib->verify();
   if (auto* chunked = dynamic_cast<internal::ChunkedSegment*>(segment_.get())) chunked->verify();
 }

@@ -33,12 +33,17 @@
 // the system a TarnError. A failed call leaves the stack as it was, except that a failed write
 // of data leaves it failed.
 //
-// Not thread-safe: one thread at a time uses a stack and its file. Any use after the file was
-// closed fails with "Cannot access File_Stack, file has been closed.".
+// Threads: the committed stacks of one open file may be read (read, read_flush_blocks, verify)
+// from several threads at once; reads position themselves and share no file position with
+// each other or with a stack being written, the reads of one stack take turns and those of
+// different stacks run side by side. Everything else (writing, setters, closing the file) is
+// for one thread at a time. Any use after the file was closed fails with "Cannot access
+// File_Stack, file has been closed.".
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <span>
 
 #include "tarnio/arrays/data_type.h"
@@ -79,8 +84,9 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
 
   // Reads the stack whose header starts at `position` of the host's file; the stack is
   // committed (or without data). Throws TarnError "Stack header not in TBF format.", "Cannot
-  // set data layout.", "Cannot read stack with file format reader version 7. Need >= {}." and
-  // the disk file's errors for a damaged or truncated stack.
+  // set data layout.", "Cannot read stack with file format reader version 7. Need >= {}.",
+  // "Stack data missing: the stack was never committed." (data flag set, data length 0, not
+  // empty) and the disk file's errors for a damaged or truncated stack.
   static std::shared_ptr<StackImp> read_from(StackHost& host, std::uint64_t position);
   // As read_from for a file whose writer is still at work or died: a stack whose data length is
   // still 0 is returned when it is written chunk-wise, with the chunks committed so far (a
@@ -226,6 +232,8 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
 
   StackHost* host_;
   std::unique_ptr<internal::DataSegment> segment_;
+  // Serialises the reads of the segment, whose buffers and inflating cursor are its own.
+  std::mutex read_mutex_;
   ProgressCallback progress_;
   State state_ = State::describing;
   Compression compression_ = Compression::none;

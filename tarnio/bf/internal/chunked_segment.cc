@@ -31,8 +31,7 @@ using FrameHeader = std::array<std::byte, kChunkHeaderSize>;
 
 FrameHeader read_frame_header(DiskFileAccess& file, std::uint64_t position) {
   FrameHeader header{};
-  seek_exactly(file, position);
-  file.read(header.data(), header.size());
+  file.read_at(position, header.data(), header.size());
   return header;
 }
 
@@ -62,23 +61,6 @@ struct ChunkedSegment::State {
 
   void open_chunk();
   void commit_chunk(std::uint64_t samples);
-  // Runs `work`, which moves the file position, and then puts the position back where the next
-  // append goes when the segment is being written, also when `work` throws.
-  template <typename Work>
-  void keep_write_position(Work&& work) {
-    try {
-      work();
-    } catch (...) {
-      try {
-        restore_write_position();
-      } catch (...) {
-        // The first failure is the one to report.
-      }
-      throw;
-    }
-    restore_write_position();
-  }
-  void restore_write_position();
   // Where the next append goes while writing.
   std::uint64_t write_position() const;
   // Reads plain bytes from `offset` on into `out`, starting with chunk `i`, which holds the offset.
@@ -92,6 +74,8 @@ struct ChunkedSegment::State {
   Phase phase = Phase::writing;
 
   std::vector<Chunk> chunks;
+  // Per compressed chunk, the encoded checksums of its flush blocks; empty without them.
+  std::vector<std::string> chunk_sums;
   std::uint64_t committed_samples = 0;
   // From the data position to just behind the last committed frame.
   std::uint64_t frames_end = 0;
@@ -128,6 +112,7 @@ void ChunkedSegment::State::commit_chunk(std::uint64_t samples) {
   std::uint64_t index_length = 0;
   if (writer) {
     stored = writer->finish();
+    chunk_sums.push_back(encode_block_checksums(writer->block_checksums()));
     const std::string index = encode_flush_index(writer->flush_points());
     writer.reset();
     file.write(index.data(), index.size());
@@ -153,12 +138,6 @@ std::uint64_t ChunkedSegment::State::write_position() const {
   return frame_position() + kChunkHeaderSize + open_plain_bytes;
 }
 
-void ChunkedSegment::State::restore_write_position() {
-  if (phase != Phase::writing) return;
-  const std::uint64_t position = write_position();
-  if (file.tell() != position) seek_exactly(file, position);
-}
-
 ZlibSegment& ChunkedSegment::State::reader_for(std::size_t i) {
   if (reader && reader_chunk == i) return *reader;
   reader.reset();
@@ -167,13 +146,18 @@ ZlibSegment& ChunkedSegment::State::reader_for(std::size_t i) {
   const std::uint64_t plain = chunk.samples * layout.element_size;
   std::vector<FlushPoint> points;
   if (chunk.index_length != 0) {
-    std::string index;
-    seek_exactly(file, stored_position + chunk.stored_length);
-    file.read_str(index, chunk.index_length);
+    // Its length was checked against the file when the chunk was found.
+    std::string index(chunk.index_length, '\0');
+    file.read_at(stored_position + chunk.stored_length, index.data(), index.size());
     points = decode_flush_index(index, plain, chunk.stored_length);
   }
+  std::vector<std::uint32_t> checksums;
+  if (i < chunk_sums.size() && !points.empty()) {
+    checksums = decode_block_checksums(chunk_sums[i], points.size() - 1);
+  }
   reader = std::make_unique<ZlibSegment>(file, stored_position, chunk.stored_length, plain,
-                                         std::move(points), layout.zlib->threading);
+                                         std::move(points), layout.zlib->threading,
+                                         std::move(checksums));
   reader_chunk = i;
   return *reader;
 }
@@ -191,10 +175,21 @@ ChunkedSegment::~ChunkedSegment() = default;
 
 std::unique_ptr<ChunkedSegment> ChunkedSegment::from_index(
     DiskFileAccess& file, std::uint64_t data_position, std::uint64_t data_length,
-    std::uint64_t samples, std::string_view chunk_index, ChunkLayout layout) {
+    std::uint64_t samples, std::string_view chunk_index, ChunkLayout layout,
+    std::string_view chunk_checksums) {
   auto segment = std::make_unique<ChunkedSegment>(file, data_position, std::move(layout));
   State& s = *segment->state_;
   s.phase = State::Phase::reading;
+  while (!chunk_checksums.empty()) {
+    if (chunk_checksums.size() < 4) damaged_index("its block checksums are cut short.");
+    const std::uint32_t size = get_u32(std::as_bytes(std::span(chunk_checksums.data(), 4)), 0);
+    if (size > chunk_checksums.size() - 4) damaged_index("its block checksums are cut short.");
+    s.chunk_sums.emplace_back(chunk_checksums.substr(4, size));
+    chunk_checksums.remove_prefix(4 + size);
+  }
+  if (!s.chunk_sums.empty() && s.chunk_sums.size() != chunk_index.size() / kChunkIndexEntrySize) {
+    damaged_index("its block checksums do not match its chunks.");
+  }
   const std::size_t element_size = s.layout.element_size;
 
   if (chunk_index.size() % kChunkIndexEntrySize != 0) {
@@ -362,9 +357,7 @@ void ChunkedSegment::read(std::uint64_t offset, std::span<std::byte> out) {
   State& s = *state_;
   const std::size_t element_size = s.layout.element_size;
   const std::uint64_t length = s.committed_samples * element_size;
-  if (offset > length || out.size() > length - offset) {
-    throw std::out_of_range("Bytes beyond the end of the stack data requested.");
-  }
+  require_within(offset, out.size(), length);
   if (out.empty()) return;
   // The last chunk whose plain bytes start at or before the offset.
   auto it = std::upper_bound(s.chunks.begin(), s.chunks.end(), offset,
@@ -372,7 +365,7 @@ void ChunkedSegment::read(std::uint64_t offset, std::span<std::byte> out) {
                                return value < chunk.first_sample * element_size;
                              });
   std::size_t i = static_cast<std::size_t>(std::distance(s.chunks.begin(), it)) - 1;
-  s.keep_write_position([&] { s.read_chunks(i, offset, out); });
+  s.read_chunks(i, offset, out);
 }
 
 void ChunkedSegment::State::read_chunks(std::size_t i, std::uint64_t offset,
@@ -387,9 +380,8 @@ void ChunkedSegment::State::read_chunks(std::size_t i, std::uint64_t offset,
     if (compressed()) {
       reader_for(i).read(within, piece);
     } else {
-      const std::uint64_t target = data_position + chunk.frame_offset + kChunkHeaderSize + within;
-      if (file.tell() != target) seek_exactly(file, target);
-      file.read(piece.data(), piece.size());
+      file.read_at(data_position + chunk.frame_offset + kChunkHeaderSize + within, piece.data(),
+                   piece.size());
     }
     out = out.subspan(piece.size());
     offset += n;
@@ -407,7 +399,14 @@ std::vector<std::pair<RecordKey, std::string>> ChunkedSegment::record_entries() 
     put_u64(bytes, at + 8, s.chunks[i].samples);
     put_u64(bytes, at + 16, s.chunks[i].frame_offset);
   }
-  return {{RecordKey::chunk_index, std::move(index)}};
+  if (s.chunk_sums.empty()) return {{RecordKey::chunk_index, std::move(index)}};
+  std::string sums;
+  for (const std::string& chunk : s.chunk_sums) {
+    const std::uint32_t size = static_cast<std::uint32_t>(chunk.size());
+    sums.append(reinterpret_cast<const char*>(&size), 4).append(chunk);
+  }
+  return {{RecordKey::chunk_index, std::move(index)},
+          {RecordKey::chunk_checksums, std::move(sums)}};
 }
 
 std::uint64_t ChunkedSegment::end_position() const { return state_->write_position(); }
@@ -419,9 +418,7 @@ std::uint64_t ChunkedSegment::committed_samples() const { return state_->committ
 void ChunkedSegment::verify() {
   State& s = *state_;
   if (!s.compressed()) return;
-  s.keep_write_position([&] {
-    for (std::size_t i = 0; i < s.chunks.size(); ++i) s.reader_for(i).verify();
-  });
+  for (std::size_t i = 0; i < s.chunks.size(); ++i) s.reader_for(i).verify();
 }
 
 }  // namespace Tarn::bf::internal

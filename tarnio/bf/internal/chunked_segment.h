@@ -63,10 +63,12 @@ class ChunkedSegment final : public DataSegment {
   // The segment of a finished stack, from its chunk index (the record's value), whose frames
   // take `data_length` bytes and hold `samples` samples. Throws "Damaged chunk index: {}"
   // unless the chunks follow each other without gap or overlap, cover the samples and the data
-  // length, and their frame headers agree.
+  // length, and their frame headers agree. With `chunk_checksums` (the record's value, or
+  // empty for none), reads check the flush blocks of each compressed chunk they inflate.
   static std::unique_ptr<ChunkedSegment> from_index(
       DiskFileAccess& file, std::uint64_t data_position, std::uint64_t data_length,
-      std::uint64_t samples, std::string_view chunk_index, ChunkLayout layout);
+      std::uint64_t samples, std::string_view chunk_index, ChunkLayout layout,
+      std::string_view chunk_checksums = {});
   // The committed chunks of a stack still being written (or whose writer died), walked from
   // `data_position` up to the first frame that is not committed, not complete within `limit`
   // (the file's size), or holds more than `max_samples` samples in all.

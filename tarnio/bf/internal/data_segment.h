@@ -3,13 +3,15 @@
 // DataSegment: the element data of one file stack on disk, as the stack sees it: plain bytes
 // in the stack's element type, appended front to back while writing and read by byte range
 // afterwards, whatever the segment stores (plain bytes, one zlib stream, or chunk frames). A
-// segment works at a fixed data position of a DiskFileAccess it borrows. All file access of a
-// segment happens in the calling thread, so between two calls the file position is
-// end_position() while writing. Not thread-safe.
+// segment works at a fixed data position of a DiskFileAccess it borrows. Writing happens in the
+// calling thread, so between two calls the file position is end_position() while writing;
+// reading goes through read_at and never moves the position, so reads may come between the
+// writes of any stack. Not thread-safe: the stack serialises the calls of one segment.
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -29,12 +31,22 @@ class DataSegment {
   // Ends writing: everything is in the file, and the file position is end_position(), where
   // the stack record goes. Returns the length of the data on disk.
   virtual std::uint64_t finish() = 0;
-  // Reads `out.size()` plain bytes starting at byte `offset` of the plain data.
+  // Reads `out.size()` plain bytes starting at byte `offset` of the plain data. Throws
+  // std::invalid_argument "Bytes beyond the end of the stack data requested." for bytes past
+  // the data (see require_within).
   virtual void read(std::uint64_t offset, std::span<std::byte> out) = 0;
   // The record entries this segment needs to be read again (empty for plain data).
   virtual std::vector<std::pair<RecordKey, std::string>> record_entries() const { return {}; }
   // The file position just behind the bytes the segment has put into the file.
   virtual std::uint64_t end_position() const = 0;
+
+ protected:
+  // Refuses a read of `size` bytes at `offset` that does not lie within `length` plain bytes.
+  static void require_within(std::uint64_t offset, std::uint64_t size, std::uint64_t length) {
+    if (offset > length || size > length - offset) {
+      throw std::invalid_argument("Bytes beyond the end of the stack data requested.");
+    }
+  }
 };
 
 }  // namespace Tarn::bf::internal

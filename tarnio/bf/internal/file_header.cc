@@ -2,12 +2,12 @@
 
 #include <array>
 #include <cstddef>
-#include <limits>
 #include <span>
 #include <stdexcept>
 #include <vector>
 
 #include "tarnio/bf/internal/byte_order.h"
+#include "tarnio/bf/internal/length_prefix.h"
 #include "tarnio/bf/internal/positioning.h"
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/errors/internal/raise.h"
@@ -23,17 +23,14 @@ bool has_metadata_field(std::uint32_t version) { return version >= kFirstVersion
 }  // namespace
 
 FileHeaderLayout write_file_header(DiskFileAccess& file, const FileHeader& header) {
-  if (header.description.size() > std::numeric_limits<std::uint32_t>::max()) {
-    throw std::length_error("String too long for a 4-byte length.");
-  }
-  const std::size_t n = header.description.size();
+  const std::uint32_t n = length_prefix(header.description.size());
   const bool with_field = has_metadata_field(header.version);
   std::vector<std::byte> bytes(kFileDescriptionOffset + n + (with_field ? kMetadataFieldSize : 0));
   const std::span<std::byte> out(bytes);
   put_bytes(out, 0, kFileMagic);
   put_u32(out, kFileVersionOffset, header.version);
   put_u64(out, kFirstStackOffset, header.first_stack);
-  put_u32(out, kFileDescriptionLengthOffset, static_cast<std::uint32_t>(n));
+  put_u32(out, kFileDescriptionLengthOffset, n);
   put_bytes(out, kFileDescriptionOffset, header.description);
   if (with_field) put_u64(out, kFileDescriptionOffset + n, header.metadata_position);
 

@@ -83,4 +83,23 @@ std::vector<FlushPoint> decode_flush_index(std::string_view bytes, std::uint64_t
   return points;
 }
 
+std::string encode_block_checksums(std::span<const std::uint32_t> checksums) {
+  std::string bytes(checksums.size() * kBlockChecksumSize, '\0');
+  const std::span<std::byte> out(reinterpret_cast<std::byte*>(bytes.data()), bytes.size());
+  for (std::size_t i = 0; i < checksums.size(); ++i)
+    put_u32(out, i * kBlockChecksumSize, checksums[i]);
+  return bytes;
+}
+
+std::vector<std::uint32_t> decode_block_checksums(std::string_view bytes, std::size_t blocks) {
+  if (bytes.size() / kBlockChecksumSize != blocks || bytes.size() % kBlockChecksumSize != 0) {
+    damaged("{} bytes of block checksums for {} flush blocks.", bytes.size(), blocks);
+  }
+  const std::span<const std::byte> in(reinterpret_cast<const std::byte*>(bytes.data()),
+                                      bytes.size());
+  std::vector<std::uint32_t> checksums(blocks);
+  for (std::size_t i = 0; i < blocks; ++i) checksums[i] = get_u32(in, i * kBlockChecksumSize);
+  return checksums;
+}
+
 }  // namespace Tarn::bf::internal

@@ -4,6 +4,7 @@
 // encoding, and a decoder that accepts only an index that fits the stream it describes, so that
 // nothing read through it can point outside the data. Stateless.
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -22,5 +23,11 @@ std::string encode_flush_index(std::span<const FlushPoint> points);
 // offset is `plain_length` and the last stored offset leaves room for the stream's trailer.
 std::vector<FlushPoint> decode_flush_index(std::string_view bytes, std::uint64_t plain_length,
                                            std::uint64_t stored_length);
+
+// The adler32 of each flush block's plain bytes (record key block_checksums), in block order.
+std::string encode_block_checksums(std::span<const std::uint32_t> checksums);
+// Decodes the checksums of `blocks` flush blocks. Throws TarnError "Damaged flush index: {}"
+// unless the entry holds exactly one checksum per block.
+std::vector<std::uint32_t> decode_block_checksums(std::string_view bytes, std::size_t blocks);
 
 }  // namespace Tarn::bf::internal

@@ -2,12 +2,12 @@
 
 #include <array>
 #include <cstddef>
-#include <limits>
 #include <span>
 #include <stdexcept>
 #include <vector>
 
 #include "tarnio/bf/internal/byte_order.h"
+#include "tarnio/bf/internal/length_prefix.h"
 #include "tarnio/errors/internal/raise.h"
 
 namespace Tarn::bf::internal {
@@ -21,12 +21,10 @@ constexpr std::size_t kShownKeyLength = 64;
 using errors::internal::throw_tarn;
 
 void append_length(std::vector<std::byte>& out, std::size_t length) {
-  if (length > std::numeric_limits<std::uint32_t>::max()) {
-    throw std::length_error("String too long for a 4-byte length.");
-  }
+  const std::uint32_t prefix = length_prefix(length);
   const std::size_t at = out.size();
   out.resize(at + kLengthSize);
-  put_u32(out, at, static_cast<std::uint32_t>(length));
+  put_u32(out, at, prefix);
 }
 
 void append_string(std::vector<std::byte>& out, const std::string& s) {

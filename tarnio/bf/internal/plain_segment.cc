@@ -15,13 +15,8 @@ void PlainSegment::append(std::span<const std::byte> bytes) {
 }
 
 void PlainSegment::read(std::uint64_t offset, std::span<std::byte> out) {
-  if (offset > length_ || out.size() > length_ - offset) {
-    throw std::out_of_range("Bytes beyond the end of the stack data requested.");
-  }
-  const std::uint64_t target = data_position_ + offset;
-  // Consecutive pieces of one read continue where the previous one ended: no move needed.
-  if (file_.tell() != target) seek_exactly(file_, target);
-  file_.read(out.data(), out.size());
+  require_within(offset, out.size(), length_);
+  file_.read_at(data_position_ + offset, out.data(), out.size());
 }
 
 }  // namespace Tarn::bf::internal

@@ -24,7 +24,7 @@ class PlainSegment final : public DataSegment {
   // length unknown (the stack fails with it).
   void append(std::span<const std::byte> bytes) override;
   std::uint64_t finish() override { return length_; }
-  // Throws std::out_of_range for bytes beyond the data, TarnError when the file position cannot
+  // Throws std::invalid_argument for bytes beyond the data, TarnError when the file position cannot
   // be moved or the file is shorter than the data.
   void read(std::uint64_t offset, std::span<std::byte> out) override;
 

@@ -23,12 +23,7 @@ std::uint64_t seek_end(DiskFileAccess& file) {
   return end;
 }
 
-std::uint64_t file_size(DiskFileAccess& file) {
-  const std::uint64_t here = file.tell();
-  const std::uint64_t size = seek_end(file);
-  seek_exactly(file, here);
-  return size;
-}
+std::uint64_t file_size(DiskFileAccess& file) { return file.current_size(); }
 
 std::uint64_t bytes_left(DiskFileAccess& file) {
   const std::uint64_t pos = file.tell();

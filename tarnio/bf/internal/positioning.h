@@ -16,7 +16,7 @@ void seek_exactly(DiskFileAccess& file, std::uint64_t position);
 // Moves to the end and returns the file's size. Throws TarnError "Could not move to the end of
 // the file." when that fails.
 std::uint64_t seek_end(DiskFileAccess& file);
-// The file's size; the position is left where it was. Throws as seek_end does.
+// The file's size (DiskFileAccess::current_size); the position is left where it was.
 std::uint64_t file_size(DiskFileAccess& file);
 // The bytes between the position and the end of the file, 0 when either is unknown; the
 // position is left where it was. Never throws.

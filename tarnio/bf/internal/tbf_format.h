@@ -24,6 +24,9 @@
 // (u64 plain offset, u64 stored offset from the data position): (0, 2) first, then the start of
 // every further run, and last (plain length, offset of the final block); both offsets strictly
 // increase. A stream without index (one run, or a simpler writer) is read front to back.
+// Beside the index, record key 5 holds the adler32 of each flush block's plain bytes, so that a
+// read of some blocks checks what it inflates, where the stream's own adler32 covers only all
+// of them; a stream without that entry is read unchecked block by block.
 //
 // Chunk-wise written data is a sequence of chunk frames from the data position on, each
 //   "TARN_BF_CHUNK\n" FF FF, u64 samples, u64 index length, u64 stored length,
@@ -90,6 +93,11 @@ enum class RecordKey : std::uint32_t {
   flush_index = 3,
   // The chunks of chunk-wise written data: triples of u64 (first sample, samples, frame offset).
   chunk_index = 4,
+  // The adler32 of each flush block's plain bytes: one u32 per block of the flush index.
+  block_checksums = 5,
+  // The block checksums of each compressed chunk, in chunk order: per chunk a u32 byte count
+  // and that many bytes, laid out as the value of block_checksums.
+  chunk_checksums = 6,
 };
 
 // Compressed data.
@@ -97,6 +105,7 @@ inline constexpr std::size_t kZlibHeaderSize = 2;
 // The empty final block (2 bytes) and the adler32 (4 bytes) that end a stream.
 inline constexpr std::size_t kZlibTrailerSize = 6;
 inline constexpr std::size_t kFlushPointSize = 16;
+inline constexpr std::size_t kBlockChecksumSize = 4;
 
 // Chunk frames.
 inline constexpr std::string_view kChunkMagic{"TARN_BF_CHUNK\n\xFF\xFF", 16};

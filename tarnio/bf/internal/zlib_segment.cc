@@ -22,6 +22,9 @@ namespace {
 constexpr std::size_t kCursorInput = std::size_t{256} << 10;
 // Plain bytes inflated at once where they are only checked or skipped.
 constexpr std::size_t kWindow = std::size_t{1} << 20;
+// The largest flush block whose plain bytes a read keeps, to check them whole against their
+// checksum; a block claimed to be larger goes through the cursor unchecked.
+constexpr std::uint64_t kMaxCheckedBlock = std::uint64_t{256} << 20;
 // The cursor's block when it inflates a whole stream without index, and when it has nothing.
 constexpr std::size_t kWholeStream = std::numeric_limits<std::size_t>::max() - 1;
 constexpr std::size_t kNoBlock = std::numeric_limits<std::size_t>::max();
@@ -136,6 +139,8 @@ struct ZlibSegment::State {
   std::uint64_t stored_length = 0;
   std::uint64_t plain_length = 0;
   std::vector<FlushPoint> points;
+  // The adler32 of each flush block's plain bytes; empty for a stream stored without them.
+  std::vector<std::uint32_t> checksums;
   std::uint64_t blocks_inflated = 0;
   std::uint64_t known_file_size = 0;
 
@@ -158,6 +163,11 @@ struct ZlibSegment::State {
   };
   std::unique_ptr<Cursor> cursor;
   ByteBuffer skip;
+  // The plain bytes of the last block a partial read inflated and checked whole, so that the
+  // next read within it copies them.
+  ByteBuffer cached;
+  ByteBuffer cached_stored;
+  std::size_t cached_block = kNoBlock;
 
   // Threads exist only while a call of the segment (or the writing) needs them: each read()
   // starts and ends its own, so that an idle segment holds none.
@@ -201,10 +211,20 @@ struct ZlibSegment::State {
     if (needed > known_file_size) damaged("the stream runs past the end of the file.");
   }
 
+  // Throws TarnError "Damaged compressed data: ..." with the block's plain byte range when
+  // `plain`, the bytes of `block`, do not match the checksum stored for it.
+  void check_block(std::size_t block, std::span<const std::byte> plain) const {
+    if (checksums.empty()) return;
+    check_sum(block, adler32_of(plain));
+  }
+  void check_sum(std::size_t block, std::uint32_t block_adler) const {
+    if (checksums.empty() || checksums[block] == block_adler) return;
+    damaged(fmt::format("plain bytes {} to {} do not match their checksum.",
+                        points[block].plain_offset, points[block + 1].plain_offset));
+  }
+
   void read_stored(std::uint64_t begin, std::span<std::byte> out) {
-    const std::uint64_t position = data_position + begin;
-    if (file.tell() != position) seek_exactly(file, position);
-    file.read(out.data(), out.size());
+    file.read_at(data_position + begin, out.data(), out.size());
   }
 
   void require_reading() const {
@@ -229,6 +249,7 @@ struct ZlibSegment::State {
   // Reading.
   void launch_block(TaskWindow& window, std::size_t block, std::span<std::byte> out);
   void cursor_read(std::size_t block, std::uint64_t offset, std::span<std::byte> out);
+  void partial_read(std::size_t block, std::uint64_t offset, std::span<std::byte> out);
   void start_cursor(std::size_t block);
   void cursor_refill();
   void cursor_produce(std::span<std::byte> out);
@@ -263,6 +284,7 @@ void ZlibSegment::State::write_oldest() {
   const std::uint64_t plain = block.plain.size();
   adler = adler32_join(adler, block.adler, plain);
   points.push_back({points.back().plain_offset + plain, stored_length});
+  checksums.push_back(block.adler);
   block.plain.clear();
 }
 
@@ -275,7 +297,35 @@ void ZlibSegment::State::launch_block(TaskWindow& window, std::size_t block,
   stored.resize(end.stored_offset - begin.stored_offset);
   read_stored(begin.stored_offset, stored);
   ++blocks_inflated;
-  window.launch([this, &stored, out] { inflaters.take()->inflate_run(stored, out); });
+  window.launch([this, &stored, out, block] {
+    inflaters.take()->inflate_run(stored, out);
+    check_block(block, out);
+  });
+}
+
+// A read of part of a block inflates all of it when it can be checked, and keeps it for the
+// next read within the block; otherwise the cursor inflates only up to the end of the part.
+void ZlibSegment::State::partial_read(std::size_t block, std::uint64_t offset,
+                                      std::span<std::byte> out) {
+  const FlushPoint& begin = points[block];
+  const FlushPoint& end = points[block + 1];
+  if (checksums.empty() || end.plain_offset - begin.plain_offset > kMaxCheckedBlock) {
+    cursor_read(block, offset, out);
+    return;
+  }
+  if (cached_block != block) {
+    cached_block = kNoBlock;
+    ensure_in_file(end.stored_offset);
+    cached_stored.resize(end.stored_offset - begin.stored_offset);
+    read_stored(begin.stored_offset, cached_stored);
+    cached.resize(end.plain_offset - begin.plain_offset);
+    ++blocks_inflated;
+    inflaters.take()->inflate_run(cached_stored, cached);
+    check_block(block, cached);
+    cached_block = block;
+  }
+  std::copy_n(cached.begin() + static_cast<std::ptrdiff_t>(offset - begin.plain_offset), out.size(),
+              out.begin());
 }
 
 void ZlibSegment::State::start_cursor(std::size_t block) {
@@ -383,6 +433,7 @@ void ZlibSegment::State::verify_blocks() {
   const auto collect = [&] {
     const std::size_t block = next - window.size();
     const std::size_t slot = window.collect();
+    check_sum(block, read_slots[slot].adler);
     combined = adler32_join(combined, read_slots[slot].adler,
                             points[block + 1].plain_offset - points[block].plain_offset);
   };
@@ -458,12 +509,14 @@ ZlibSegment::ZlibSegment(DiskFileAccess& file, std::uint64_t data_position, Zlib
 
 ZlibSegment::ZlibSegment(DiskFileAccess& file, std::uint64_t data_position,
                          std::uint64_t stored_length, std::uint64_t plain_length,
-                         std::vector<FlushPoint> flush_points, ThreadingSupport threading)
+                         std::vector<FlushPoint> flush_points, ThreadingSupport threading,
+                         std::vector<std::uint32_t> block_checksums)
     : state_(std::make_unique<State>(file, data_position, std::move(threading))) {
   State& s = *state_;
   s.stored_length = stored_length;
   s.plain_length = plain_length;
   s.points = std::move(flush_points);
+  s.checksums = std::move(block_checksums);
 }
 
 ZlibSegment::~ZlibSegment() = default;
@@ -514,9 +567,7 @@ std::uint64_t ZlibSegment::finish() {
 void ZlibSegment::read(std::uint64_t offset, std::span<std::byte> out) {
   State& s = *state_;
   s.require_reading();
-  if (offset > s.plain_length || out.size() > s.plain_length - offset) {
-    throw std::out_of_range("Bytes beyond the end of the stack data requested.");
-  }
+  require_within(offset, out.size(), s.plain_length);
   if (out.empty()) return;
   if (s.points.empty()) {
     // A stream without index: front to back, going on from the last read where it can.
@@ -549,20 +600,21 @@ void ZlibSegment::read(std::uint64_t offset, std::span<std::byte> out) {
     s.launch_block(window, next, block_span(next));
     ++next;
   }
-  if (head_partial) s.cursor_read(first, offset, block_span(first));
+  if (head_partial) s.partial_read(first, offset, block_span(first));
   while (next < stop) {
     if (window.full()) window.collect();
     s.launch_block(window, next, block_span(next));
     ++next;
   }
-  if (tail_partial) s.cursor_read(last, s.points[last].plain_offset, block_span(last));
+  if (tail_partial) s.partial_read(last, s.points[last].plain_offset, block_span(last));
   while (!window.empty()) window.collect();
 }
 
 std::vector<std::pair<RecordKey, std::string>> ZlibSegment::record_entries() const {
   const State& s = *state_;
   if (s.writing || s.points.empty()) return {};
-  return {{RecordKey::flush_index, encode_flush_index(s.points)}};
+  return {{RecordKey::flush_index, encode_flush_index(s.points)},
+          {RecordKey::block_checksums, encode_block_checksums(s.checksums)}};
 }
 
 std::uint64_t ZlibSegment::end_position() const {
@@ -570,6 +622,8 @@ std::uint64_t ZlibSegment::end_position() const {
 }
 
 const std::vector<FlushPoint>& ZlibSegment::flush_points() const { return state_->points; }
+
+const std::vector<std::uint32_t>& ZlibSegment::block_checksums() const { return state_->checksums; }
 
 std::vector<std::byte> ZlibSegment::read_flush_blocks(std::uint64_t begin, std::uint64_t end) {
   State& s = *state_;
@@ -588,10 +642,7 @@ std::vector<std::byte> ZlibSegment::read_flush_blocks(std::uint64_t begin, std::
   }
   s.ensure_in_file(last->stored_offset);
   std::vector<std::byte> bytes(last->stored_offset - first->stored_offset);
-  const std::uint64_t here = s.file.tell();
   s.read_stored(first->stored_offset, bytes);
-  // While writing, the file position stays at the end of what is written.
-  if (s.writing) seek_exactly(s.file, here);
   return bytes;
 }
 

@@ -51,10 +51,13 @@ class ZlibSegment final : public DataSegment {
   ZlibSegment(DiskFileAccess& file, std::uint64_t data_position, ZlibSettings settings);
   // The stream of `stored_length` bytes at `data_position` that inflates to `plain_length`
   // bytes, with its flush points (empty when the stack has no index), for reading on the
-  // threads of `threading`.
+  // threads of `threading`. With `block_checksums` (one per flush block), every read checks
+  // the blocks it inflates: it inflates a block it needs part of whole and throws TarnError
+  // "Damaged compressed data: plain bytes {} to {} do not match their checksum." for a block
+  // whose bytes changed.
   ZlibSegment(DiskFileAccess& file, std::uint64_t data_position, std::uint64_t stored_length,
               std::uint64_t plain_length, std::vector<FlushPoint> flush_points,
-              ThreadingSupport threading);
+              ThreadingSupport threading, std::vector<std::uint32_t> block_checksums = {});
   ~ZlibSegment() override;
   ZlibSegment(const ZlibSegment&) = delete;
   ZlibSegment& operator=(const ZlibSegment&) = delete;
@@ -62,14 +65,17 @@ class ZlibSegment final : public DataSegment {
   void append(std::span<const std::byte> bytes) override;
   std::uint64_t finish() override;
   // Throws std::runtime_error "Zipped segment unexpectedly initialized in write mode." on a
-  // segment being written, std::out_of_range for bytes beyond the plain data.
+  // segment being written, std::invalid_argument for bytes beyond the plain data.
   void read(std::uint64_t offset, std::span<std::byte> out) override;
-  // The flush index (key flush_index), once finished.
+  // The flush index (key flush_index) and the blocks' checksums (key block_checksums), once
+  // finished.
   std::vector<std::pair<RecordKey, std::string>> record_entries() const override;
   std::uint64_t end_position() const override;
 
   // The flush points: those of the index read, or those written so far.
   const std::vector<FlushPoint>& flush_points() const;
+  // The adler32 of each flush block: those given, or those written so far.
+  const std::vector<std::uint32_t>& block_checksums() const;
   // The stored bytes of the flush blocks that make up plain bytes [begin, end): raw deflate
   // runs, each ended by its full flush, which a raw inflater (or this format's stream, between
   // a header and a trailer) takes as they are. Throws std::runtime_error "No flush blocks
@@ -77,8 +83,8 @@ class ZlibSegment final : public DataSegment {
   // aligned, empty or has not yet been written" unless begin < end are both flush points.
   std::vector<std::byte> read_flush_blocks(std::uint64_t begin, std::uint64_t end);
   // Inflates the whole stream on the segment's threads and checks every block against the
-  // index, the zlib header and the adler32 of the trailer; throws TarnError "Damaged compressed
-  // data: {}" at the first fault.
+  // index and its checksum, the zlib header and the adler32 of the trailer; throws TarnError
+  // "Damaged compressed data: {}" at the first fault.
   void verify();
 
   // The number of flush blocks inflated so far by read() and verify(): what a partial read

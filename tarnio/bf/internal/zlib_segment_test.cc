@@ -110,6 +110,7 @@ Bytes camera_bytes(std::size_t n, unsigned seed = 1) {
 struct Written {
   std::uint64_t stored_length = 0;
   std::vector<FlushPoint> points;
+  std::vector<std::uint32_t> checksums;
 };
 
 Written write_stream(MemoryFile& file, const Bytes& plain, ZlibSettings settings,
@@ -125,8 +126,10 @@ Written write_stream(MemoryFile& file, const Bytes& plain, ZlibSettings settings
   EXPECT_EQ(file.tell(), kDataPosition + stored);
   EXPECT_EQ(segment.end_position(), kDataPosition + stored);
   const auto entries = segment.record_entries();
-  EXPECT_EQ(entries.size(), 1u);
-  return {stored, decode_flush_index(entries.at(0).second, plain.size(), stored)};
+  EXPECT_EQ(entries.size(), 2u);
+  auto points = decode_flush_index(entries.at(0).second, plain.size(), stored);
+  auto checksums = decode_block_checksums(entries.at(1).second, points.size() - 1);
+  return {stored, std::move(points), std::move(checksums)};
 }
 
 Bytes stored_bytes(const MemoryFile& file, std::uint64_t stored_length) {
@@ -221,7 +224,7 @@ TEST(ZlibSegment, WrittenSegmentReadsBackOnceFinished) {
   EXPECT_EQ(read_all(segment, plain.size()), plain);
   // Between calls a segment holds no threads, however many stacks a file keeps open.
   EXPECT_EQ(thread_count(), threads_before);
-  EXPECT_THROW(segment.read(plain.size() - 1, std::span(out).first(2)), std::out_of_range);
+  EXPECT_THROW(segment.read(plain.size() - 1, std::span(out).first(2)), std::invalid_argument);
 
   // A run is raw deflate that needs nothing before it.
   Bytes back(kSmallBlock);
@@ -262,7 +265,7 @@ TEST(ZlibSegment, FlushBlockRequests) {
   stream.insert(stream.end(), trailer.begin(), trailer.end());
   EXPECT_TRUE(std::ranges::equal(zlib_uncompress(stream, middle.size()), middle));
 
-  const Written no_index{written.stored_length, {}};
+  const Written no_index{written.stored_length, {}, {}};
   EXPECT_THROW_MESSAGE(reader(file, no_index, plain.size())->read_flush_blocks(0, kSmallBlock),
                        std::runtime_error, "No flush blocks available");
 }
@@ -308,7 +311,7 @@ TEST(ZlibSegment, ReadsAStreamWithoutIndexFrontToBack) {
   MemoryFile file;
   file.bytes.assign(kDataPosition, std::byte{0});
   file.bytes.insert(file.bytes.end(), stored.begin(), stored.end());
-  const Written written{stored.size(), {}};
+  const Written written{stored.size(), {}, {}};
 
   auto segment = reader(file, written, plain.size(), {2, {}});
   EXPECT_TRUE(segment->flush_points().empty());
@@ -334,11 +337,11 @@ TEST(ZlibSegment, ReadsAStreamWithoutIndexFrontToBack) {
   EXPECT_THROW_MESSAGE(reader(file, written, plain.size() - 1)->verify(), TarnError,
                        "Damaged compressed data: the stream inflates to more bytes than the "
                        "stack holds.");
-  const Written cut{stored.size() - 100, {}};
+  const Written cut{stored.size() - 100, {}, {}};
   EXPECT_THROW_MESSAGE(read_all(*reader(file, cut, plain.size()), plain.size()), TarnError,
                        "Damaged compressed data: the stream ends early.");
   file.bytes.push_back(std::byte{0});
-  EXPECT_THROW_MESSAGE(reader(file, {stored.size() + 1, {}}, plain.size())->verify(), TarnError,
+  EXPECT_THROW_MESSAGE(reader(file, {stored.size() + 1, {}, {}}, plain.size())->verify(), TarnError,
                        "Damaged compressed data: bytes follow the end of the stream.");
 }
 
@@ -392,8 +395,8 @@ TEST(ZlibSegment, FlippedBytesAreCaught) {
       file.bytes = original;
       file.bytes[at] ^= flip;
       for (const bool index : {true, false}) {
-        const Written how{written.stored_length,
-                          index ? written.points : std::vector<FlushPoint>{}};
+        const Written how{
+            written.stored_length, index ? written.points : std::vector<FlushPoint>{}, {}};
         auto segment = reader(file, how, plain.size(), {3, {}});
         Bytes out(plain.size());
         bool read = false;
@@ -413,6 +416,33 @@ TEST(ZlibSegment, FlippedBytesAreCaught) {
       }
     }
   }
+}
+
+// With the blocks' checksums every read checks each block it inflates, also one it needs only
+// a byte of, and names the damaged block's plain bytes; without them the same reads return the
+// changed bytes unchecked, as they always did.
+TEST(ZlibSegment, ReadsCheckEveryBlockTheyInflate) {
+  const Bytes plain = camera_bytes(6 * 4099 + 17);
+  MemoryFile file;
+  const Written written = write_stream(file, plain, {0, 4099, {}});
+  // Level 0 stores block 2 as it is behind a 5-byte stored-block header: the flip changes one
+  // plain byte and leaves a stream that inflates.
+  file.bytes[kDataPosition + written.points[2].stored_offset + 5 + 10] ^= std::byte{0x40};
+  const std::uint64_t block = written.points[2].plain_offset;
+  const std::string damaged =
+      fmt::format("Damaged compressed data: plain bytes {} to {} do not match their checksum.",
+                  block, written.points[3].plain_offset);
+  ZlibSegment checked(file, kDataPosition, written.stored_length, plain.size(), written.points,
+                      {2, {}}, written.checksums);
+  const auto unchecked = reader(file, written, plain.size(), {2, {}});
+  const std::vector<std::pair<std::uint64_t, std::size_t>> ranges{
+      {block + 100, 1}, {block - 50, 100}, {block - 50, 4099 + 100}, {0, plain.size()}};
+  for (const auto& [begin, size] : ranges) {
+    Bytes out(size);
+    EXPECT_THROW_MESSAGE(checked.read(begin, out), TarnError, damaged);
+    unchecked->read(begin, out);
+  }
+  EXPECT_THROW_MESSAGE(checked.verify(), TarnError, damaged);
 }
 
 TEST(ZlibSegment, IndexThatLiesAboutTheStream) {
