@@ -15,6 +15,7 @@
 #include <span>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tarnio/arrays/data_type.h"
@@ -625,6 +626,56 @@ TEST(TarnTool, CompressedStacksWriteReadAndVerify) {
   bytes[bytes.size() / 2] ^= 0x5A;
   spill(dir / "bad.tbf", bytes);
   expect_one_line_failure(tarn("verify " + (dir / "bad.tbf").string()), "flipped");
+}
+
+TEST(TarnTool, ReadRegionWritesTheSliceOfPlainAndCompressedStacks) {
+  Tarn::testing::TempDir dir;
+  const std::uint64_t nx = 300, ny = 40, nz = 9;
+  const std::string raw = camera_bytes(nx * ny * nz, 5);
+  spill(dir / "in.raw", raw);
+  struct Case {
+    std::string text;
+    std::uint64_t start[3], end[3];
+  };
+  const std::vector<Case> cases{{"0:128,0:16,4", {0, 0, 4}, {128, 16, 5}},
+                                {"7,:,:", {7, 0, 0}, {8, ny, nz}},
+                                {":,39,2:9", {0, 39, 2}, {nx, 40, 9}},
+                                {":,:,:", {0, 0, 0}, {nx, ny, nz}},
+                                {"5:5,:,:", {5, 0, 0}, {5, ny, nz}}};
+  for (const std::string compression : {"none", "zlib:1"}) {
+    const std::string file = (dir / (compression.substr(0, 4) + ".tbf")).string();
+    ASSERT_EQ(tarn("write " + file + " --type uint16 --shape 300,40,9 --compression " +
+                   compression + " " + (dir / "in.raw").string())
+                  .status,
+              0);
+    for (const Case& c : cases) {
+      std::string expected;
+      for (std::uint64_t z = c.start[2]; z < c.end[2]; ++z) {
+        for (std::uint64_t y = c.start[1]; y < c.end[1]; ++y) {
+          for (std::uint64_t x = c.start[0]; x < c.end[0]; ++x) {
+            expected += raw.substr(2 * (x + nx * (y + ny * z)), 2);
+          }
+        }
+      }
+      const ToolRun run = tarn("read " + file + " --stack 0 --threads 2 --region " + c.text);
+      EXPECT_EQ(run.status, 0) << run.err;
+      EXPECT_TRUE(run.out == expected) << compression << " " << c.text;
+    }
+    for (const std::string outside : {"0:301,:,:", "300,:,:", ":,:", "1:2:3,:,:", "4:2,:,:"}) {
+      expect_one_line_failure(tarn("read " + file + " --stack 0 --region " + outside), outside);
+    }
+  }
+}
+
+TEST(TarnTool, CommandsThatCompressOrInflateUseEveryHardwareThreadByDefault) {
+  const std::string report = "(default: every hardware thread, " +
+                             std::to_string(std::max(1u, std::thread::hardware_concurrency())) +
+                             " here)";
+  for (const std::string command : {"write", "read", "verify", "compact", "recover"}) {
+    const ToolRun help = tarn(command + " --help");
+    EXPECT_NE(help.out.find(report), std::string::npos) << command << "\n" << help.out;
+  }
+  EXPECT_EQ(tarn("read x.tbf --stack 0 --threads 0").status, 2);
 }
 
 TEST(TarnTool, RecoverAndCompactRewriteFiles) {

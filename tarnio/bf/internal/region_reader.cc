@@ -79,14 +79,26 @@ class RegionReader {
     batch_.push_back(piece);
   }
 
+  // Whether the batch is one stretch of the plain data that is wanted whole, in the stack's
+  // type, and owes nothing to the held bytes: then it is read straight into the buffer.
+  bool is_direct() const {
+    if (convert_ || held(batch_begin_) || batch_.front().offset != batch_begin_) return false;
+    std::uint64_t next = batch_begin_;
+    for (const Run& piece : batch_) {
+      if (piece.stride != 1 || piece.offset != next) return false;
+      next = span_end(piece);
+    }
+    return next == batch_end_;
+  }
+
   bool held(std::uint64_t offset) const { return held_begin_ <= offset && offset < held_end_; }
 
   void flush() {
     if (batch_.empty()) return;
-    const Run& first = batch_.front();
-    if (batch_.size() == 1 && !convert_ && first.stride == 1 && first.offset == batch_begin_ &&
-        span_end(first) == batch_end_ && !held(batch_begin_)) {
-      segment_.read(first.offset, output(first));
+    if (is_direct()) {
+      const Run& first = batch_.front();
+      segment_.read(first.offset, {target_.data + first.out * element_size_,
+                                   static_cast<std::size_t>(batch_end_ - batch_begin_)});
     } else if (batch_end_ - batch_begin_ > kMaxHeldBytes) {
       held_begin_ = held_end_ = 0;
       for (const Run& piece : batch_) read_alone(piece);

@@ -11,8 +11,8 @@
 // of the segment, so that its blocks inflate together on the segment's threads. A block is
 // decoded once however many short runs take bytes from it: the last block of a batch stays in
 // memory for the next one. Plain data is batched too, joining runs whose gaps are small, so that
-// a region of many short lines costs few reads; a lone run of plain data is read straight into
-// the buffer.
+// a region of many short lines costs few reads. A batch that is one stretch of wanted data in
+// the stack's own type (planes, whole stacks) is read straight into the buffer.
 //
 // Memory beyond the caller's buffer: one batch with its blocks rounded out (flush blocks larger
 // than 32 MiB are not held but read run by run through the segment). Not thread-safe.
