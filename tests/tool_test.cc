@@ -22,6 +22,7 @@
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/json/read_write.h"
 #include "tarnio/testing/temp_dir.h"
+#include "tarnio/units/runtime_value.h"
 
 namespace {
 
@@ -503,6 +504,11 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
     for (std::size_t i = 0; i < 3; ++i) {
       const auto stack = file->add_stack(types[i], {2, i + 1, 3});
       stack->set_name(names[i]);
+      if (i == 1) {
+        stack->set_labels({"x", "", "t"});
+        stack->set_units(0, Tarn::units::RuntimeValue(0.5, "um"));
+        stack->set_units(2, Tarn::units::RuntimeValue(2, "s"));
+      }
       const std::vector<std::byte> zeros((i + 1) * 6 * tarn_dt_get_size(types[i]));
       stack->write(zeros.data(), zeros.size());
       stack->commit();
@@ -523,13 +529,14 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
   const std::size_t header = 5;
   ASSERT_EQ(rows[header].rfind("index", 0), 0u) << run.out;
   const std::vector<std::size_t> columns = cell_starts(rows[header]);
-  ASSERT_EQ(columns.size(), 7u) << rows[header];
+  ASSERT_EQ(columns.size(), 8u) << rows[header];
   ASSERT_EQ(rows.size(), header + 4) << run.out;
   for (std::size_t i = header + 1; i < rows.size(); ++i) {
     EXPECT_EQ(cell_starts(rows[i]), columns) << rows[i];
   }
   EXPECT_NE(rows[header + 2].find("Länge in µm"), std::string::npos);
   EXPECT_NE(rows[header + 2].find("2x2x3"), std::string::npos);
+  EXPECT_NE(rows[header + 2].find("x [0.5 µm], -, t [2 s]"), std::string::npos);
   EXPECT_NE(rows[header + 3].find("two\\nlines\\xFF"), std::string::npos);
 
   // The JSON form stays valid UTF-8 whatever the file holds.
@@ -537,6 +544,9 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
   EXPECT_EQ(info.at("description"), JSON::Value("cells\nday 2"));
   EXPECT_EQ(info.at("stacks")[2].at("name"), JSON::Value("two\nlines\uFFFD"));
   EXPECT_EQ(info.at("stacks")[1].at("data_length"), JSON::Value(2 * 2 * 3 * 8));
+  EXPECT_EQ(JSON::write(info.at("stacks")[1].at("labels")), R"(["x","","t"])");
+  EXPECT_EQ(JSON::write(info.at("stacks")[1].at("units")), R"(["0.5 µm",null,"2 s"])");
+  EXPECT_EQ(JSON::write(info.at("stacks")[0].at("units")), "[null,null,null]");
 }
 
 TEST(TarnTool, VerifyPassesIntactFilesAndFailsDamagedOnesWithOneLine) {
