@@ -78,6 +78,8 @@ TEST(RecoverFile, EveryStackCommittedBeforeAKillComesBackBitExact) {
   std::mt19937 random(20261122);
   for (int round = 0; round < 25; ++round) {
     const auto path = dir / "killed.tbf";
+    // A writer killed before it created its file must not leave the last round's behind.
+    std::filesystem::remove(path);
     std::array<int, 2> pipe{};
     ASSERT_EQ(::pipe(pipe.data()), 0);
     const pid_t writer = ::fork();
