@@ -1,6 +1,8 @@
 // Compressed (zlib) stack data of TBF files on realistic 16-bit microscopy planes of 2048 x 2048
 // (microscopy_data.h), against Debian's pigz and gzip on the same bytes, measured in the same
-// run. The library runs on 2 threads with flush blocks of 4 MiB (compressed_stack.h).
+// run. The library runs on 2 threads with flush blocks of 4 MiB (compressed_stack.h). Level 1 is
+// measured on three kinds of data (kind:0 the 12-bit camera, kind:1 sparse 8-bit, kind:2 dense
+// 16-bit; the label names it), level 6 on the first.
 //   write/level:N  16 planes (128 MiB) through the library (create_file, add_stack,
 //     set_compression(zlib, N), one write per plane, commit, close) against `pigz -p 2 -N`
 //     compressing the same bytes from a file to a file in the same directory.
@@ -83,24 +85,26 @@ constexpr double kMiB = 1024.0 * 1024.0;
 constexpr double kHeapLimitBytes =
     static_cast<double>((kThreads + 1) * kFlushBlockBytes) + 16.0 * kMiB;
 
+const std::array<const Kind*, 3> kKinds{&kCamera12, &kSparse8, &kDense16};
+
 const MicroscopyData& microscopy() {
   static const MicroscopyData data;
   return data;
 }
 
-// The 16 planes of the write and read benchmarks.
-const std::vector<std::uint16_t>& samples() {
-  static const std::vector<std::uint16_t> values = microscopy().planes(0, kPlanes);
-  return values;
+// The 16 planes of the write and read benchmarks of data of kind `kind`.
+const std::vector<std::uint16_t>& samples(std::size_t kind) {
+  static std::array<std::vector<std::uint16_t>, kKinds.size()> values;
+  if (values.at(kind).empty()) values[kind] = MicroscopyData(*kKinds[kind]).planes(0, kPlanes);
+  return values[kind];
 }
 
+fs::path raw_file(std::size_t kind) { return bench_file(kKinds.at(kind)->name + ".raw"); }
+
 // The plain bytes of the 16 planes in a file, the input of pigz.
-const fs::path& raw_input() {
-  static const fs::path path = [] {
-    fs::path p = bench_file("planes.raw");
-    write_file(p, std::as_bytes(std::span(samples())));
-    return p;
-  }();
+fs::path raw_input(std::size_t kind) {
+  const fs::path path = raw_file(kind);
+  if (!fs::exists(path)) write_file(path, std::as_bytes(std::span(samples(kind))));
   return path;
 }
 
@@ -175,6 +179,7 @@ void report_heap(benchmark::State& state, double heap_bytes, std::string& label)
 
 void BM_Write(benchmark::State& state) {
   const auto level = static_cast<std::uint32_t>(state.range(0));
+  const auto kind = static_cast<std::size_t>(state.range(1));
   const double speed_limit = level == 1 ? 2.0 : 3.0;
   const double size_limit = level == 1 ? 1.02 : 1.00;
   const fs::path library_path = bench_file("write.tbf");
@@ -184,7 +189,7 @@ void BM_Write(benchmark::State& state) {
                                               fmt::format("{}", kThreads),
                                               fmt::format("-{}", level),
                                               "-c",
-                                              raw_input().string()};
+                                              raw_input(kind).string()};
   double library_seconds = 0, pigz_seconds = 0, heap_bytes = 0;
   std::uint64_t library_bytes = 0, pigz_bytes = 0;
   bool tool_first = true;
@@ -205,7 +210,7 @@ void BM_Write(benchmark::State& state) {
           [&] {
             const HeapWatch heap;
             seconds = wall_seconds(
-                [&] { library_bytes = write_compressed(library_path, samples(), level); });
+                [&] { library_bytes = write_compressed(library_path, samples(kind), level); });
             heap_bytes = std::max(heap_bytes, heap.extra_bytes());
           });
     } catch (const std::exception& error) {
@@ -228,7 +233,8 @@ void BM_Write(benchmark::State& state) {
   state.counters["pigz_MBps"] = n * kStackMB / pigz_seconds;
   state.counters["library_ratio"] = static_cast<double>(library_bytes) / (kStackMB * 1e6);
   state.counters["pigz_ratio"] = static_cast<double>(pigz_bytes) / (kStackMB * 1e6);
-  std::string label = verdict("x_pigz" + suffix, speed, true, speed_limit) + "; " +
+  std::string label = kKinds[kind]->name + ": " +
+                      verdict("x_pigz" + suffix, speed, true, speed_limit) + "; " +
                       verdict("size_pigz" + suffix, size, false, size_limit);
   report_heap(state, heap_bytes, label);
   state.SetLabel(label);
@@ -237,9 +243,10 @@ void BM_Write(benchmark::State& state) {
 
 void BM_Read(benchmark::State& state) {
   const auto level = static_cast<std::uint32_t>(state.range(0));
+  const auto kind = static_cast<std::size_t>(state.range(1));
   const fs::path library_path = bench_file("read.tbf");
   const fs::path gzip_path = bench_file("read.gz");
-  const std::span<const std::uint16_t> data(samples());
+  const std::span<const std::uint16_t> data(samples(kind));
   const std::span<std::uint16_t> out = destination<kTallSamples>().first(kStackSamples);
   double library_seconds = 0, gzip_seconds = 0, heap_bytes = 0;
   try {
@@ -280,7 +287,7 @@ void BM_Read(benchmark::State& state) {
   state.counters["x_gunzip"] = speed;
   state.counters["library_MBps"] = n * kStackMB / library_seconds;
   state.counters["gunzip_MBps"] = n * kStackMB / gzip_seconds;
-  std::string label = verdict("x_gunzip", speed, true, 4.0);
+  std::string label = kKinds[kind]->name + ": " + verdict("x_gunzip", speed, true, 4.0);
   report_heap(state, heap_bytes, label);
   state.SetLabel(label);
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kStackBytes));
@@ -379,13 +386,16 @@ void BM_Plane(benchmark::State& state) {
 
 // Registers the benchmarks, the data and the buffers ready before the first timing.
 void register_benchmarks() {
-  (void)samples();
+  for (std::size_t kind = 0; kind < kKinds.size(); ++kind) (void)samples(kind);
   (void)destination<kTallSamples>();
-  for (const int level : {1, 6}) {
-    register_manual_time("write", BM_Write, level == 1 ? 3 : 2)->Arg(level)->ArgName("level");
+  const std::vector<std::vector<std::int64_t>> runs{{1, 0}, {1, 1}, {1, 2}, {6, 0}};
+  for (const auto& run : runs) {
+    register_manual_time("write", BM_Write, run[0] == 1 ? 3 : 2)
+        ->Args(run)
+        ->ArgNames({"level", "kind"});
   }
-  for (const int level : {1, 6}) {
-    register_manual_time("read", BM_Read, 3)->Arg(level)->ArgName("level");
+  for (const auto& run : runs) {
+    register_manual_time("read", BM_Read, 3)->Args(run)->ArgNames({"level", "kind"});
   }
   register_manual_time("read_plane_32/uint16_2048x2048x64", BM_Plane, 3);
 }
@@ -456,6 +466,8 @@ void* valloc(std::size_t size) noexcept {
 int main(int argc, char** argv) {
   tarnio_bench::register_benchmarks();
   const int status = tarnio_bench::run_benchmarks(argc, argv);
-  tarnio_bench::remove_file(tarnio_bench::bench_file("planes.raw"));
+  for (std::size_t kind = 0; kind < tarnio_bench::kKinds.size(); ++kind) {
+    tarnio_bench::remove_file(tarnio_bench::raw_file(kind));
+  }
   return status;
 }
