@@ -14,8 +14,8 @@ function(git_output out)
   set(${out} "${text}" PARENT_SCOPE)
 endfunction()
 
-# The bracketed dots keep this file from matching itself.
-git_output(outside grep -n -I -E "[.][.]/shared|/work/shared")
+# The brackets keep this file from matching itself.
+git_output(outside grep -n -I -E "[.][.]/shared|/work/[s]hared")
 if(outside)
   string(REPLACE ";" "\n  " outside "${outside}")
   message(FATAL_ERROR "Tracked files read from beside the checkout:\n  ${outside}")
