@@ -19,6 +19,12 @@
 //       blocks      flush blocks inflated for the plane, counted by a reader segment over the same
 //                   file; overlapping: those that overlap the plane; x_blocks their ratio,
 //                   limit <= 1.
+//   read_region/N  region reads of the same stack (read_region): 0 plane 32, 1 the line x = 1000
+//     through every plane, 2 the block of 512 x 512 x 8 at (512, 512, 24), against reading the
+//     whole stack through it.
+//       x_whole     the region's time over the whole stack's; limit <= 0.03 (plane), 1.2 (line,
+//                   which touches every block), 0.1 (block, 8 of the 128 blocks).
+//       blocks, touched, x_blocks  as above; limit <= 1.
 // Every benchmark prints heap_MiB, the most heap the library held at once during a call beyond
 // what was held before it (the caller's buffer), and x_heap, that over its limit of
 // (threads + 1) x flush block + 16 MiB = 28 MiB. The heap is counted by the malloc family
@@ -59,8 +65,10 @@
 #include "bench/compressed_stack.h"
 #include "bench/heap_watch.h"
 #include "bench/microscopy_data.h"
+#include "tarnio/arrays/region.h"
 #include "tarnio/bf/disk_file.h"
 #include "tarnio/bf/file_interface.h"
+#include "tarnio/bf/internal/region_reader.h"
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/bf/internal/zlib_segment.h"
 
@@ -384,6 +392,93 @@ void BM_Plane(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kPlaneBytes));
 }
 
+// The tall stack of the region reads, written once: 64 planes of 2048 x 2048 at level 1.
+const fs::path& tall_file() {
+  static const fs::path path = [] {
+    fs::path p = bench_file("regions.tbf");
+    std::vector<std::uint16_t> source(kPlaneSamples);
+    write_compressed(p, kTallPlanes, 1, [&](std::uint64_t z) {
+      microscopy().fill_plane(z, source);
+      return std::span<const std::uint16_t>(source);
+    });
+    return p;
+  }();
+  return path;
+}
+
+// What the Python and Dask front ends ask for: a plane, a line through all planes, a block of
+// 512 x 512 x 8; against reading the whole stack, and the flush blocks inflated (counted by a
+// reader segment of its own) against those the region touches.
+void BM_Region(benchmark::State& state) {
+  struct Shape {
+    const char* name;
+    Tarn::arrays::Region region;
+    double limit;
+  };
+  const std::array<Shape, 3> shapes{{
+      {"plane", Tarn::arrays::Region({0, 0, kPlane}, {kSide, kSide, 1}), 0.03},
+      {"line", Tarn::arrays::Region({1000, 0, 0}, {1, kSide, kTallPlanes}), 1.2},
+      {"block", Tarn::arrays::Region({512, 512, 24}, {512, 512, 8}), 0.1},
+  }};
+  const Shape& shape = shapes.at(static_cast<std::size_t>(state.range(0)));
+  const std::span<std::uint16_t> whole = destination<kTallSamples>();
+  std::vector<std::uint16_t> part(shape.region.number_of_elements());
+  double whole_seconds = 0, part_seconds = 0;
+  std::uint64_t inflated = 0, touched = 0;
+  try {
+    auto file = open_threaded(tall_file(), Mode::read);
+    const auto stack = file->stack(0);
+    const std::vector<std::uint64_t> shape_of_stack = stack->shape();
+    {
+      Tarn::bf::DiskFile disk(tall_file(), Mode::read);
+      Tarn::bf::internal::ZlibSegment segment(disk, stack->data_position(), stack->data_length(),
+                                              kTallSamples * 2, stack->flush_points(),
+                                              {kThreads, {}});
+      Tarn::bf::internal::read_region(
+          segment, shape_of_stack, shape.region,
+          {Tarn::dt::uint16, Tarn::dt::uint16, reinterpret_cast<std::byte*>(part.data()), nullptr});
+      inflated = segment.blocks_inflated();
+    }
+    // The blocks touched, from the plain offsets of the region's lines.
+    const auto& points = stack->flush_points();
+    const auto& start = shape.region.start();
+    const auto& size = shape.region.size();
+    for (std::size_t i = 0; i + 1 < points.size(); ++i) {
+      bool hit = false;
+      for (std::uint64_t z = start[2]; z < start[2] + size[2] && !hit; ++z) {
+        for (std::uint64_t y = start[1]; y < start[1] + size[1] && !hit; ++y) {
+          const std::uint64_t begin = 2 * (start[0] + kSide * (y + kSide * z));
+          hit = points[i].plain_offset < begin + 2 * size[0] && points[i + 1].plain_offset > begin;
+        }
+      }
+      touched += hit ? 1 : 0;
+    }
+    bool whole_first = true;
+    for (auto _ : state) {
+      double seconds = 0;
+      run_both(
+          whole_first, [&] { whole_seconds += wall_seconds([&] { stack->read(0, whole); }); },
+          [&] {
+            seconds = wall_seconds([&] { stack->read_region(shape.region, std::span(part)); });
+          });
+      part_seconds += seconds;
+      state.SetIterationTime(seconds);
+    }
+    file->close();
+  } catch (const std::exception& error) {
+    state.SkipWithError(error.what());
+    return;
+  }
+  const double share = part_seconds / whole_seconds;
+  const double x_blocks = static_cast<double>(inflated) / static_cast<double>(touched);
+  state.counters["x_whole"] = share;
+  state.counters["blocks"] = static_cast<double>(inflated);
+  state.counters["touched"] = static_cast<double>(touched);
+  state.counters["x_blocks"] = x_blocks;
+  state.SetLabel(std::string(shape.name) + ": " + verdict("x_whole", share, false, shape.limit) +
+                 "; " + verdict("x_blocks", x_blocks, false, 1.0));
+}
+
 // Registers the benchmarks, the data and the buffers ready before the first timing.
 void register_benchmarks() {
   for (std::size_t kind = 0; kind < kKinds.size(); ++kind) (void)samples(kind);
@@ -398,6 +493,7 @@ void register_benchmarks() {
     register_manual_time("read", BM_Read, 3)->Args(run)->ArgNames({"level", "kind"});
   }
   register_manual_time("read_plane_32/uint16_2048x2048x64", BM_Plane, 3);
+  register_manual_time("read_region/uint16_2048x2048x64", BM_Region, 3)->DenseRange(0, 2);
 }
 
 }  // namespace
@@ -466,6 +562,7 @@ void* valloc(std::size_t size) noexcept {
 int main(int argc, char** argv) {
   tarnio_bench::register_benchmarks();
   const int status = tarnio_bench::run_benchmarks(argc, argv);
+  tarnio_bench::remove_file(tarnio_bench::bench_file("regions.tbf"));
   for (std::size_t kind = 0; kind < tarnio_bench::kKinds.size(); ++kind) {
     tarnio_bench::remove_file(tarnio_bench::raw_file(kind));
   }

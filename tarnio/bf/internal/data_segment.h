@@ -32,6 +32,13 @@ class DataSegment {
   virtual std::uint64_t finish() = 0;
   // Reads `out.size()` plain bytes starting at byte `offset` of the plain data.
   virtual void read(std::uint64_t offset, std::span<std::byte> out) = 0;
+  // Reads several ranges of plain bytes, each as read() would. A segment that decodes in blocks
+  // decodes the blocks of ranges that begin and end on block boundaries all together, on its
+  // threads.
+  using Range = std::pair<std::uint64_t, std::span<std::byte>>;
+  virtual void read_ranges(std::span<const Range> ranges) {
+    for (const auto& [offset, out] : ranges) read(offset, out);
+  }
   // The plain bytes [first, second) that are decoded as one whenever plain byte `offset` (below
   // the plain length) is read: the flush block holding it. An empty range (the default) says
   // that a read costs only the bytes read, as for plain data.

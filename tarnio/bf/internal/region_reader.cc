@@ -24,12 +24,20 @@ constexpr std::uint64_t kPlainGap = std::uint64_t{64} << 10;
 constexpr std::size_t kMaxBatchRuns = std::size_t{1} << 16;
 
 // `count` elements from plain byte `offset` on, `stride` elements apart, that go to the buffer
-// from element `out` on.
+// from element `out` on; while batched, the first of them lies at `held` in the held bytes.
 struct Run {
   std::uint64_t offset = 0;
   std::uint64_t count = 0;
   std::uint64_t stride = 1;
   std::uint64_t out = 0;
+  std::uint64_t held = 0;
+};
+
+// Plain bytes [begin, end).
+struct Span {
+  std::uint64_t begin = 0;
+  std::uint64_t end = 0;
+  std::uint64_t size() const { return end - begin; }
 };
 
 class RegionReader {
@@ -59,71 +67,103 @@ class RegionReader {
     return run.offset + ((run.count - 1) * run.stride + 1) * element_size_;
   }
 
-  void add_piece(const Run& piece) {
+  // Adds a piece to the batch: to its last span when the piece's units join it, as a span of
+  // its own behind untouched units, or in a new batch.
+  void add_piece(Run piece) {
     const std::uint64_t end = span_end(piece);
     const auto [unit_begin, unit_end] = segment_.decode_unit(piece.offset);
     const bool units = unit_begin != unit_end;
-    const std::uint64_t low = units ? unit_begin : piece.offset;
-    std::uint64_t high = end;
-    if (units) high = std::max(end, segment_.decode_unit(end - 1).second);
-    const std::uint64_t gap = units ? 0 : kPlainGap;
-    if (!batch_.empty() && low <= batch_end_ + gap && batch_.size() < kMaxBatchRuns &&
-        std::max(high, batch_end_) - batch_begin_ <= kBatchBytes) {
-      batch_end_ = std::max(batch_end_, high);
-      batch_.push_back(piece);
-      return;
+    Span span{units ? unit_begin : piece.offset, end};
+    if (units) span.end = std::max(end, segment_.decode_unit(end - 1).second);
+    if (!batch_.empty() && batch_.size() < kMaxBatchRuns) {
+      Span& last = spans_.back();
+      const std::uint64_t last_at = batch_bytes_ - last.size();
+      const std::uint64_t grown = std::max(last.end, span.end) - last.end;
+      if (span.begin <= last.end + (units ? 0 : kPlainGap) && batch_bytes_ + grown <= kBatchBytes) {
+        last.end += grown;
+        batch_bytes_ += grown;
+        piece.held = last_at + (piece.offset - last.begin);
+        batch_.push_back(piece);
+        return;
+      }
+      if (units && batch_bytes_ + span.size() <= kBatchBytes) {
+        piece.held = batch_bytes_ + (piece.offset - span.begin);
+        spans_.push_back(span);
+        batch_bytes_ += span.size();
+        batch_.push_back(piece);
+        return;
+      }
     }
     flush();
-    batch_begin_ = low;
-    batch_end_ = high;
+    piece.held = piece.offset - span.begin;
+    spans_.push_back(span);
+    batch_bytes_ = span.size();
     batch_.push_back(piece);
   }
 
   // Whether the batch is one stretch of the plain data that is wanted whole, in the stack's
   // type, and owes nothing to the held bytes: then it is read straight into the buffer.
   bool is_direct() const {
-    if (convert_ || held(batch_begin_) || batch_.front().offset != batch_begin_) return false;
-    std::uint64_t next = batch_begin_;
+    const Span& span = spans_.front();
+    if (convert_ || spans_.size() != 1 || kept_bytes() != 0) return false;
+    std::uint64_t next = span.begin;
     for (const Run& piece : batch_) {
       if (piece.stride != 1 || piece.offset != next) return false;
       next = span_end(piece);
     }
-    return next == batch_end_;
+    return next == span.end;
   }
 
-  bool held(std::uint64_t offset) const { return held_begin_ <= offset && offset < held_end_; }
+  // The bytes the batch starts with that the last batch held (the block two batches share).
+  std::uint64_t kept_bytes() const {
+    const Span& first = spans_.front();
+    if (first.begin < tail_.begin || first.begin >= tail_.end) return 0;
+    return std::min(tail_.end, first.end) - first.begin;
+  }
 
   void flush() {
     if (batch_.empty()) return;
     if (is_direct()) {
       const Run& first = batch_.front();
       segment_.read(first.offset, {target_.data + first.out * element_size_,
-                                   static_cast<std::size_t>(batch_end_ - batch_begin_)});
-    } else if (batch_end_ - batch_begin_ > kMaxHeldBytes) {
-      held_begin_ = held_end_ = 0;
+                                   static_cast<std::size_t>(batch_bytes_)});
+      tail_ = {};
+    } else if (batch_bytes_ > kMaxHeldBytes) {
+      tail_ = {};
       for (const Run& piece : batch_) read_alone(piece);
     } else {
       hold_batch();
-      for (const Run& piece : batch_) deliver(piece, held_.data() + (piece.offset - held_begin_));
+      for (const Run& piece : batch_) deliver(piece, held_.data() + piece.held);
     }
     for (const Run& piece : batch_) done_ += piece.count;
     batch_.clear();
+    spans_.clear();
     if (progress_) progress_(done_);
   }
 
-  // Puts the plain bytes of the batch into held_, reusing those of the last batch that it
-  // starts with (the block two batches share).
+  // Puts the plain bytes of the batch's spans into held_, one behind the other, all read with
+  // one call of the segment, reusing the bytes of the last batch that the first span starts
+  // with.
   void hold_batch() {
-    const std::uint64_t length = batch_end_ - batch_begin_;
-    std::uint64_t kept = 0;
-    if (held(batch_begin_)) {
-      kept = std::min(held_end_, batch_end_) - batch_begin_;
-      std::memmove(held_.data(), held_.data() + (batch_begin_ - held_begin_), kept);
+    const std::uint64_t kept = kept_bytes();
+    if (kept > 0) {
+      std::memmove(held_.data(), held_.data() + tail_at_ + (spans_.front().begin - tail_.begin),
+                   kept);
     }
-    if (held_.size() < length) held_.resize(length);
-    held_begin_ = batch_begin_;
-    held_end_ = batch_end_;
-    segment_.read(batch_begin_ + kept, std::span(held_).subspan(kept, length - kept));
+    if (held_.size() < batch_bytes_) held_.resize(batch_bytes_);
+    std::vector<DataSegment::Range> ranges;
+    std::uint64_t at = 0;
+    for (const Span& span : spans_) {
+      const std::uint64_t skip = at == 0 ? kept : 0;
+      if (span.size() > skip) {
+        ranges.emplace_back(span.begin + skip,
+                            std::span(held_).subspan(at + skip, span.size() - skip));
+      }
+      at += span.size();
+    }
+    segment_.read_ranges(ranges);
+    tail_ = spans_.back();
+    tail_at_ = batch_bytes_ - tail_.size();
   }
 
   void read_alone(const Run& piece) {
@@ -167,12 +207,14 @@ class RegionReader {
   const std::size_t element_size_;
   const std::size_t buffer_element_size_;
   const bool convert_;
+  // The batch: its pieces, the spans of decode units they take, and those spans' bytes.
   std::vector<Run> batch_;
-  std::uint64_t batch_begin_ = 0;
-  std::uint64_t batch_end_ = 0;
+  std::vector<Span> spans_;
+  std::uint64_t batch_bytes_ = 0;
+  // The bytes of the last batch held, its last span among them at tail_at_.
   std::vector<std::byte> held_;
-  std::uint64_t held_begin_ = 0;
-  std::uint64_t held_end_ = 0;
+  Span tail_;
+  std::uint64_t tail_at_ = 0;
   std::uint64_t done_ = 0;
 };
 

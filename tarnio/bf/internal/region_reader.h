@@ -6,9 +6,10 @@
 //
 // The region is walked as runs of elements that follow each other with one stride in the plain
 // data: the leading axes the region takes whole merge with the first axis it does not, so that
-// a plane is one run and a sub-block one run per line. Runs are gathered into batches that
-// cover consecutive decode units (flush blocks) of at most 32 MiB, and each batch is one read
-// of the segment, so that its blocks inflate together on the segment's threads. A block is
+// a plane is one run and a sub-block one run per line. Runs are gathered into batches of the
+// decode units (flush blocks) they touch, at most 32 MiB of them, skipping those they do not
+// touch, and each batch is one read of the segment, so that its blocks inflate together on the
+// segment's threads (a sub-block of many planes touches one block in each). A block is
 // decoded once however many short runs take bytes from it: the last block of a batch stays in
 // memory for the next one. Plain data is batched too, joining runs whose gaps are small, so that
 // a region of many short lines costs few reads. A batch that is one stretch of wanted data in
