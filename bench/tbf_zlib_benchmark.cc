@@ -311,6 +311,23 @@ std::uint64_t blocks_overlapping(const std::vector<Tarn::bf::FlushPoint>& points
   return count;
 }
 
+// Times `part` (which returns its seconds) against reading the whole stack into `whole`, in
+// alternating order, adding to the sums; each iteration's time is the part's.
+template <class Part>
+void time_against_whole(benchmark::State& state, Tarn::bf::StackImp& stack,
+                        std::span<std::uint16_t> whole, double& whole_seconds, double& part_seconds,
+                        Part part) {
+  bool whole_first = true;
+  for (auto _ : state) {
+    double seconds = 0;
+    run_both(
+        whole_first, [&] { whole_seconds += wall_seconds([&] { stack.read(0, whole); }); },
+        [&] { seconds = part(); });
+    part_seconds += seconds;
+    state.SetIterationTime(seconds);
+  }
+}
+
 void BM_Plane(benchmark::State& state) {
   constexpr std::uint64_t kPlaneReads = 8;
   const fs::path path = bench_file("planes.tbf");
@@ -345,23 +362,15 @@ void BM_Plane(benchmark::State& state) {
           blocks_overlapping(stack->flush_points(), plane_begin, plane_begin + kPlaneBytes);
       if (plane != expected) throw std::runtime_error("the reader segment read another plane");
     }
-    bool whole_first = true;
-    for (auto _ : state) {
-      double seconds = 0;
-      run_both(
-          whole_first, [&] { whole_seconds += wall_seconds([&] { stack->read(0, whole); }); },
-          [&] {
-            const HeapWatch heap;
-            const double all = wall_seconds([&] {
-              for (std::uint64_t i = 0; i < kPlaneReads; ++i)
-                stack->read(kPlane * kPlaneSamples, std::span(plane));
-            });
-            seconds = all / kPlaneReads;
-            heap_bytes = std::max(heap_bytes, heap.extra_bytes());
-          });
-      plane_seconds += seconds;
-      state.SetIterationTime(seconds);
-    }
+    time_against_whole(state, *stack, whole, whole_seconds, plane_seconds, [&] {
+      const HeapWatch heap;
+      const double all = wall_seconds([&] {
+        for (std::uint64_t i = 0; i < kPlaneReads; ++i)
+          stack->read(kPlane * kPlaneSamples, std::span(plane));
+      });
+      heap_bytes = std::max(heap_bytes, heap.extra_bytes());
+      return all / kPlaneReads;
+    });
     if (plane != expected ||
         !std::equal(expected.begin(), expected.end(),
                     whole.begin() + static_cast<std::ptrdiff_t>(kPlane * kPlaneSamples))) {
@@ -453,17 +462,9 @@ void BM_Region(benchmark::State& state) {
       }
       touched += hit ? 1 : 0;
     }
-    bool whole_first = true;
-    for (auto _ : state) {
-      double seconds = 0;
-      run_both(
-          whole_first, [&] { whole_seconds += wall_seconds([&] { stack->read(0, whole); }); },
-          [&] {
-            seconds = wall_seconds([&] { stack->read_region(shape.region, std::span(part)); });
-          });
-      part_seconds += seconds;
-      state.SetIterationTime(seconds);
-    }
+    time_against_whole(state, *stack, whole, whole_seconds, part_seconds, [&] {
+      return wall_seconds([&] { stack->read_region(shape.region, std::span(part)); });
+    });
     file->close();
   } catch (const std::exception& error) {
     state.SkipWithError(error.what());
