@@ -86,7 +86,7 @@ class RegionReader {
         batch_.push_back(piece);
         return;
       }
-      if (units && batch_bytes_ + span.size() <= kBatchBytes) {
+      if (units && span.begin > last.end && batch_bytes_ + span.size() <= kBatchBytes) {
         piece.held = batch_bytes_ + (piece.offset - span.begin);
         spans_.push_back(span);
         batch_bytes_ += span.size();
