@@ -33,12 +33,21 @@ struct Run {
   std::uint64_t held = 0;
 };
 
-// Plain bytes [begin, end).
+// Plain bytes [begin, end), held from `at` on.
 struct Span {
   std::uint64_t begin = 0;
   std::uint64_t end = 0;
+  std::uint64_t at = 0;
   std::uint64_t size() const { return end - begin; }
 };
+
+// Where a span starting at plain byte `begin` goes in the held bytes, at or behind `used`:
+// at the same place modulo kAlignment, so that elements lie as aligned as in the plain data
+// (flush blocks may end inside elements) and the converters can load them.
+constexpr std::uint64_t kAlignment = 16;
+std::uint64_t held_position(std::uint64_t used, std::uint64_t begin) {
+  return (used + kAlignment - 1) / kAlignment * kAlignment + begin % kAlignment;
+}
 
 class RegionReader {
  public:
@@ -77,27 +86,29 @@ class RegionReader {
     if (units) span.end = std::max(end, segment_.decode_unit(end - 1).second);
     if (!batch_.empty() && batch_.size() < kMaxBatchRuns) {
       Span& last = spans_.back();
-      const std::uint64_t last_at = batch_bytes_ - last.size();
       const std::uint64_t grown = std::max(last.end, span.end) - last.end;
       if (span.begin <= last.end + (units ? 0 : kPlainGap) && batch_bytes_ + grown <= kBatchBytes) {
         last.end += grown;
         batch_bytes_ += grown;
-        piece.held = last_at + (piece.offset - last.begin);
+        piece.held = last.at + (piece.offset - last.begin);
         batch_.push_back(piece);
         return;
       }
-      if (units && span.begin > last.end && batch_bytes_ + span.size() <= kBatchBytes) {
-        piece.held = batch_bytes_ + (piece.offset - span.begin);
-        spans_.push_back(span);
-        batch_bytes_ += span.size();
-        batch_.push_back(piece);
+      span.at = held_position(batch_bytes_, span.begin);
+      if (units && span.begin > last.end && span.at + span.size() <= kBatchBytes) {
+        start_span(span, piece);
         return;
       }
     }
     flush();
-    piece.held = piece.offset - span.begin;
+    span.at = held_position(0, span.begin);
+    start_span(span, piece);
+  }
+
+  void start_span(const Span& span, Run& piece) {
+    piece.held = span.at + (piece.offset - span.begin);
     spans_.push_back(span);
-    batch_bytes_ = span.size();
+    batch_bytes_ = span.at + span.size();
     batch_.push_back(piece);
   }
 
@@ -126,7 +137,7 @@ class RegionReader {
     if (is_direct()) {
       const Run& first = batch_.front();
       segment_.read(first.offset, {target_.data + first.out * element_size_,
-                                   static_cast<std::size_t>(batch_bytes_)});
+                                   static_cast<std::size_t>(spans_.front().size())});
       tail_ = {};
     } else if (batch_bytes_ > kMaxHeldBytes) {
       tail_ = {};
@@ -146,24 +157,22 @@ class RegionReader {
   // with.
   void hold_batch() {
     const std::uint64_t kept = kept_bytes();
+    const Span& first = spans_.front();
     if (kept > 0) {
-      std::memmove(held_.data(), held_.data() + tail_at_ + (spans_.front().begin - tail_.begin),
+      std::memmove(held_.data() + first.at, held_.data() + tail_.at + (first.begin - tail_.begin),
                    kept);
     }
     if (held_.size() < batch_bytes_) held_.resize(batch_bytes_);
     std::vector<DataSegment::Range> ranges;
-    std::uint64_t at = 0;
     for (const Span& span : spans_) {
-      const std::uint64_t skip = at == 0 ? kept : 0;
+      const std::uint64_t skip = &span == &first ? kept : 0;
       if (span.size() > skip) {
         ranges.emplace_back(span.begin + skip,
-                            std::span(held_).subspan(at + skip, span.size() - skip));
+                            std::span(held_).subspan(span.at + skip, span.size() - skip));
       }
-      at += span.size();
     }
     segment_.read_ranges(ranges);
     tail_ = spans_.back();
-    tail_at_ = batch_bytes_ - tail_.size();
   }
 
   void read_alone(const Run& piece) {
@@ -207,14 +216,13 @@ class RegionReader {
   const std::size_t element_size_;
   const std::size_t buffer_element_size_;
   const bool convert_;
-  // The batch: its pieces, the spans of decode units they take, and those spans' bytes.
+  // The batch: its pieces, the spans of decode units they take, and the held bytes those take.
   std::vector<Run> batch_;
   std::vector<Span> spans_;
   std::uint64_t batch_bytes_ = 0;
-  // The bytes of the last batch held, its last span among them at tail_at_.
+  // The bytes of the last batch held, its last span among them.
   std::vector<std::byte> held_;
   Span tail_;
-  std::uint64_t tail_at_ = 0;
   std::uint64_t done_ = 0;
 };
 
