@@ -3,10 +3,14 @@
 // tarnio_bench::MicroscopyData: deterministic 16-bit fluorescence-microscopy planes for the
 // benchmarks of stack data. A scene of cells (dim bodies with bright nuclei), small bright
 // vesicles and filaments on a faint, smooth background, blurred by the microscope's point spread
-// function, is computed once. Each plane shows it through a camera: a dark offset of 100 counts,
-// read noise of 2.2 counts and shot noise (one count per photoelectron; the Poisson count is
-// approximated by a Gaussian of the same mean and variance), rounded and clipped to 12 bits
-// (values below 4096). Successive planes fade slowly, as bleaching does in a time series.
+// function, is computed once. Each plane shows it through a camera: a dark offset, read noise
+// and shot noise (the Poisson count of photoelectrons approximated by a Gaussian of the same
+// mean and variance), converted to counts by the camera's gain, rounded and clipped to its bit
+// depth. Successive planes fade slowly, as bleaching does in a time series.
+//
+// The kinds of data (Kind) vary bit depth, noise and structure: the 12-bit camera of a typical
+// widefield microscope, a sparse 8-bit low-light recording and a dense 16-bit one of a camera
+// with a high gain.
 //
 // The noise of plane z comes from a fast generator seeded by z and the seed, so plane z is the
 // same in every run and every benchmark. Construction takes a few tenths of a second for a
@@ -22,19 +26,37 @@
 #include <numbers>
 #include <span>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace tarnio_bench {
 
+// A camera and the density of the scene it looks at.
+struct Kind {
+  std::string name;
+  // The largest count: 2^bits - 1.
+  float max_value = 4095.0f;
+  // Counts per photoelectron.
+  float gain = 1.0f;
+  float dark_offset = 100.0f;
+  // Read noise in photoelectrons.
+  float read_noise = 2.2f;
+  // Objects of the scene relative to the typical one.
+  double density = 1.0;
+};
+
+// 12 bits, read noise 2.2 e, a typical number of cells.
+inline const Kind kCamera12{"camera12", 4095.0f, 1.0f, 100.0f, 2.2f, 1.0};
+// 8 bits at low light (0.06 counts per electron): few objects, most pixels near the offset.
+inline const Kind kSparse8{"sparse8", 255.0f, 0.06f, 10.0f, 1.2f, 0.25};
+// 16 bits at high gain (16 counts per electron): many objects, many noisy low bits.
+inline const Kind kDense16{"dense16", 65535.0f, 16.0f, 400.0f, 1.6f, 3.0};
+
 class MicroscopyData {
  public:
-  static constexpr float kDarkOffset = 100.0f;
-  static constexpr float kReadNoise = 2.2f;
-  static constexpr std::uint16_t kMaxValue = 4095;
-
-  explicit MicroscopyData(std::size_t width = 2048, std::size_t height = 2048,
-                          std::uint64_t seed = 20240611)
-      : width_(width), height_(height), seed_(seed), scene_(width * height) {
+  explicit MicroscopyData(const Kind& kind = kCamera12, std::size_t width = 2048,
+                          std::size_t height = 2048, std::uint64_t seed = 20240611)
+      : kind_(kind), width_(width), height_(height), seed_(seed), scene_(width * height) {
     for (std::size_t i = 0; i < normal_quantiles_.size(); ++i) {
       const double p = (static_cast<double>(i) + 0.5) / static_cast<double>(kQuantiles);
       normal_quantiles_[i] =
@@ -51,17 +73,17 @@ class MicroscopyData {
   void fill_plane(std::uint64_t z, std::span<std::uint16_t> out) const {
     if (out.size() != plane_samples()) throw std::invalid_argument("Plane buffer size mismatch.");
     const float fade = static_cast<float>(std::exp(-static_cast<double>(z) / 400.0));
-    const float read_variance = kReadNoise * kReadNoise;
+    const float read_variance = kind_.read_noise * kind_.read_noise;
     SplitMix64 random{seed_ ^ (0xD1B54A32D192ED03ULL * (z + 1))};
     for (std::size_t i = 0; i < out.size(); i += 4) {
       std::uint64_t bits = random.next();
       const std::size_t end = std::min(out.size(), i + 4);
       for (std::size_t k = i; k < end; ++k, bits >>= 16) {
         const float electrons = fade * scene_[k];
-        const float value = kDarkOffset + electrons +
-                            std::sqrt(read_variance + electrons) * normal_quantiles_[bits & 0xFFFF];
-        out[k] = static_cast<std::uint16_t>(
-            std::clamp(value + 0.5f, 0.0f, static_cast<float>(kMaxValue)));
+        const float value =
+            kind_.dark_offset + kind_.gain * (electrons + std::sqrt(read_variance + electrons) *
+                                                              normal_quantiles_[bits & 0xFFFF]);
+        out[k] = static_cast<std::uint16_t>(std::clamp(value + 0.5f, 0.0f, kind_.max_value));
       }
     }
   }
@@ -78,7 +100,7 @@ class MicroscopyData {
  private:
   static constexpr std::size_t kQuantiles = 65536;
   // The brightest mean signal, in photoelectrons: with the offset and five standard deviations
-  // of noise above it, still below kMaxValue.
+  // of noise above it, still below the largest count of the 12-bit camera.
   static constexpr float kSaturation = 3600.0f;
   static constexpr double kPsfSigma = 1.6;
 
@@ -101,7 +123,7 @@ class MicroscopyData {
     SplitMix64 random{seed_};
     const double w = static_cast<double>(width_);
     const double h = static_cast<double>(height_);
-    const double area = w * h / (2048.0 * 2048.0);
+    const double area = kind_.density * w * h / (2048.0 * 2048.0);
     constexpr double kTau = 2.0 * std::numbers::pi;
     // Autofluorescence of the medium: a few photoelectrons, varying smoothly.
     for (std::size_t y = 0; y < height_; ++y) {
@@ -226,6 +248,7 @@ class MicroscopyData {
     }
   }
 
+  Kind kind_;
   std::size_t width_;
   std::size_t height_;
   std::uint64_t seed_;

@@ -1,6 +1,8 @@
 // Compressed (zlib) stack data of TBF files on realistic 16-bit microscopy planes of 2048 x 2048
 // (microscopy_data.h), against Debian's pigz and gzip on the same bytes, measured in the same
-// run. The library runs on 2 threads with flush blocks of 4 MiB (compressed_stack.h).
+// run. The library runs on 2 threads with flush blocks of 4 MiB (compressed_stack.h). Level 1 is
+// measured on three kinds of data (kind:0 the 12-bit camera, kind:1 sparse 8-bit, kind:2 dense
+// 16-bit; the label names it), level 6 on the first.
 //   write/level:N  16 planes (128 MiB) through the library (create_file, add_stack,
 //     set_compression(zlib, N), one write per plane, commit, close) against `pigz -p 2 -N`
 //     compressing the same bytes from a file to a file in the same directory.
@@ -17,6 +19,12 @@
 //       blocks      flush blocks inflated for the plane, counted by a reader segment over the same
 //                   file; overlapping: those that overlap the plane; x_blocks their ratio,
 //                   limit <= 1.
+//   read_region/N  region reads of the same stack (read_region): 0 plane 32, 1 the line x = 1000
+//     through every plane, 2 the block of 512 x 512 x 8 at (512, 512, 24), against reading the
+//     whole stack through it.
+//       x_whole     the region's time over the whole stack's; limit <= 0.03 (plane), 1.2 (line,
+//                   which touches every block), 0.1 (block, 8 of the 128 blocks).
+//       blocks, touched, x_blocks  as above; limit <= 1.
 // Every benchmark prints heap_MiB, the most heap the library held at once during a call beyond
 // what was held before it (the caller's buffer), and x_heap, that over its limit of
 // (threads + 1) x flush block + 16 MiB = 28 MiB. The heap is counted by the malloc family
@@ -57,8 +65,10 @@
 #include "bench/compressed_stack.h"
 #include "bench/heap_watch.h"
 #include "bench/microscopy_data.h"
+#include "tarnio/arrays/region.h"
 #include "tarnio/bf/disk_file.h"
 #include "tarnio/bf/file_interface.h"
+#include "tarnio/bf/internal/region_reader.h"
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/bf/internal/zlib_segment.h"
 
@@ -83,24 +93,26 @@ constexpr double kMiB = 1024.0 * 1024.0;
 constexpr double kHeapLimitBytes =
     static_cast<double>((kThreads + 1) * kFlushBlockBytes) + 16.0 * kMiB;
 
+const std::array<const Kind*, 3> kKinds{&kCamera12, &kSparse8, &kDense16};
+
 const MicroscopyData& microscopy() {
   static const MicroscopyData data;
   return data;
 }
 
-// The 16 planes of the write and read benchmarks.
-const std::vector<std::uint16_t>& samples() {
-  static const std::vector<std::uint16_t> values = microscopy().planes(0, kPlanes);
-  return values;
+// The 16 planes of the write and read benchmarks of data of kind `kind`.
+const std::vector<std::uint16_t>& samples(std::size_t kind) {
+  static std::array<std::vector<std::uint16_t>, kKinds.size()> values;
+  if (values.at(kind).empty()) values[kind] = MicroscopyData(*kKinds[kind]).planes(0, kPlanes);
+  return values[kind];
 }
 
+fs::path raw_file(std::size_t kind) { return bench_file(kKinds.at(kind)->name + ".raw"); }
+
 // The plain bytes of the 16 planes in a file, the input of pigz.
-const fs::path& raw_input() {
-  static const fs::path path = [] {
-    fs::path p = bench_file("planes.raw");
-    write_file(p, std::as_bytes(std::span(samples())));
-    return p;
-  }();
+fs::path raw_input(std::size_t kind) {
+  const fs::path path = raw_file(kind);
+  if (!fs::exists(path)) write_file(path, std::as_bytes(std::span(samples(kind))));
   return path;
 }
 
@@ -175,6 +187,7 @@ void report_heap(benchmark::State& state, double heap_bytes, std::string& label)
 
 void BM_Write(benchmark::State& state) {
   const auto level = static_cast<std::uint32_t>(state.range(0));
+  const auto kind = static_cast<std::size_t>(state.range(1));
   const double speed_limit = level == 1 ? 2.0 : 3.0;
   const double size_limit = level == 1 ? 1.02 : 1.00;
   const fs::path library_path = bench_file("write.tbf");
@@ -184,7 +197,7 @@ void BM_Write(benchmark::State& state) {
                                               fmt::format("{}", kThreads),
                                               fmt::format("-{}", level),
                                               "-c",
-                                              raw_input().string()};
+                                              raw_input(kind).string()};
   double library_seconds = 0, pigz_seconds = 0, heap_bytes = 0;
   std::uint64_t library_bytes = 0, pigz_bytes = 0;
   bool tool_first = true;
@@ -205,7 +218,7 @@ void BM_Write(benchmark::State& state) {
           [&] {
             const HeapWatch heap;
             seconds = wall_seconds(
-                [&] { library_bytes = write_compressed(library_path, samples(), level); });
+                [&] { library_bytes = write_compressed(library_path, samples(kind), level); });
             heap_bytes = std::max(heap_bytes, heap.extra_bytes());
           });
     } catch (const std::exception& error) {
@@ -228,7 +241,8 @@ void BM_Write(benchmark::State& state) {
   state.counters["pigz_MBps"] = n * kStackMB / pigz_seconds;
   state.counters["library_ratio"] = static_cast<double>(library_bytes) / (kStackMB * 1e6);
   state.counters["pigz_ratio"] = static_cast<double>(pigz_bytes) / (kStackMB * 1e6);
-  std::string label = verdict("x_pigz" + suffix, speed, true, speed_limit) + "; " +
+  std::string label = kKinds[kind]->name + ": " +
+                      verdict("x_pigz" + suffix, speed, true, speed_limit) + "; " +
                       verdict("size_pigz" + suffix, size, false, size_limit);
   report_heap(state, heap_bytes, label);
   state.SetLabel(label);
@@ -237,9 +251,10 @@ void BM_Write(benchmark::State& state) {
 
 void BM_Read(benchmark::State& state) {
   const auto level = static_cast<std::uint32_t>(state.range(0));
+  const auto kind = static_cast<std::size_t>(state.range(1));
   const fs::path library_path = bench_file("read.tbf");
   const fs::path gzip_path = bench_file("read.gz");
-  const std::span<const std::uint16_t> data(samples());
+  const std::span<const std::uint16_t> data(samples(kind));
   const std::span<std::uint16_t> out = destination<kTallSamples>().first(kStackSamples);
   double library_seconds = 0, gzip_seconds = 0, heap_bytes = 0;
   try {
@@ -280,7 +295,7 @@ void BM_Read(benchmark::State& state) {
   state.counters["x_gunzip"] = speed;
   state.counters["library_MBps"] = n * kStackMB / library_seconds;
   state.counters["gunzip_MBps"] = n * kStackMB / gzip_seconds;
-  std::string label = verdict("x_gunzip", speed, true, 4.0);
+  std::string label = kKinds[kind]->name + ": " + verdict("x_gunzip", speed, true, 4.0);
   report_heap(state, heap_bytes, label);
   state.SetLabel(label);
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kStackBytes));
@@ -294,6 +309,23 @@ std::uint64_t blocks_overlapping(const std::vector<Tarn::bf::FlushPoint>& points
     if (points[i].plain_offset < end && points[i + 1].plain_offset > begin) ++count;
   }
   return count;
+}
+
+// Times `part` (which returns its seconds) against reading the whole stack into `whole`, in
+// alternating order, adding to the sums; each iteration's time is the part's.
+template <class Part>
+void time_against_whole(benchmark::State& state, Tarn::bf::StackImp& stack,
+                        std::span<std::uint16_t> whole, double& whole_seconds, double& part_seconds,
+                        Part part) {
+  bool whole_first = true;
+  for (auto _ : state) {
+    double seconds = 0;
+    run_both(
+        whole_first, [&] { whole_seconds += wall_seconds([&] { stack.read(0, whole); }); },
+        [&] { seconds = part(); });
+    part_seconds += seconds;
+    state.SetIterationTime(seconds);
+  }
 }
 
 void BM_Plane(benchmark::State& state) {
@@ -330,23 +362,15 @@ void BM_Plane(benchmark::State& state) {
           blocks_overlapping(stack->flush_points(), plane_begin, plane_begin + kPlaneBytes);
       if (plane != expected) throw std::runtime_error("the reader segment read another plane");
     }
-    bool whole_first = true;
-    for (auto _ : state) {
-      double seconds = 0;
-      run_both(
-          whole_first, [&] { whole_seconds += wall_seconds([&] { stack->read(0, whole); }); },
-          [&] {
-            const HeapWatch heap;
-            const double all = wall_seconds([&] {
-              for (std::uint64_t i = 0; i < kPlaneReads; ++i)
-                stack->read(kPlane * kPlaneSamples, std::span(plane));
-            });
-            seconds = all / kPlaneReads;
-            heap_bytes = std::max(heap_bytes, heap.extra_bytes());
-          });
-      plane_seconds += seconds;
-      state.SetIterationTime(seconds);
-    }
+    time_against_whole(state, *stack, whole, whole_seconds, plane_seconds, [&] {
+      const HeapWatch heap;
+      const double all = wall_seconds([&] {
+        for (std::uint64_t i = 0; i < kPlaneReads; ++i)
+          stack->read(kPlane * kPlaneSamples, std::span(plane));
+      });
+      heap_bytes = std::max(heap_bytes, heap.extra_bytes());
+      return all / kPlaneReads;
+    });
     if (plane != expected ||
         !std::equal(expected.begin(), expected.end(),
                     whole.begin() + static_cast<std::ptrdiff_t>(kPlane * kPlaneSamples))) {
@@ -377,17 +401,100 @@ void BM_Plane(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kPlaneBytes));
 }
 
+// The tall stack of the region reads, written once: 64 planes of 2048 x 2048 at level 1.
+const fs::path& tall_file() {
+  static const fs::path path = [] {
+    fs::path p = bench_file("regions.tbf");
+    std::vector<std::uint16_t> source(kPlaneSamples);
+    write_compressed(p, kTallPlanes, 1, [&](std::uint64_t z) {
+      microscopy().fill_plane(z, source);
+      return std::span<const std::uint16_t>(source);
+    });
+    return p;
+  }();
+  return path;
+}
+
+// What the Python and Dask front ends ask for: a plane, a line through all planes, a block of
+// 512 x 512 x 8; against reading the whole stack, and the flush blocks inflated (counted by a
+// reader segment of its own) against those the region touches.
+void BM_Region(benchmark::State& state) {
+  struct Shape {
+    const char* name;
+    Tarn::arrays::Region region;
+    double limit;
+  };
+  const std::array<Shape, 3> shapes{{
+      {"plane", Tarn::arrays::Region({0, 0, kPlane}, {kSide, kSide, 1}), 0.03},
+      {"line", Tarn::arrays::Region({1000, 0, 0}, {1, kSide, kTallPlanes}), 1.2},
+      {"block", Tarn::arrays::Region({512, 512, 24}, {512, 512, 8}), 0.1},
+  }};
+  const Shape& shape = shapes.at(static_cast<std::size_t>(state.range(0)));
+  const std::span<std::uint16_t> whole = destination<kTallSamples>();
+  std::vector<std::uint16_t> part(shape.region.number_of_elements());
+  double whole_seconds = 0, part_seconds = 0;
+  std::uint64_t inflated = 0, touched = 0;
+  try {
+    auto file = open_threaded(tall_file(), Mode::read);
+    const auto stack = file->stack(0);
+    const std::vector<std::uint64_t> shape_of_stack = stack->shape();
+    {
+      Tarn::bf::DiskFile disk(tall_file(), Mode::read);
+      Tarn::bf::internal::ZlibSegment segment(disk, stack->data_position(), stack->data_length(),
+                                              kTallSamples * 2, stack->flush_points(),
+                                              {kThreads, {}});
+      Tarn::bf::internal::read_region(
+          segment, shape_of_stack, shape.region,
+          {Tarn::dt::uint16, Tarn::dt::uint16, reinterpret_cast<std::byte*>(part.data()), nullptr});
+      inflated = segment.blocks_inflated();
+    }
+    // The blocks touched, from the plain offsets of the region's lines.
+    const auto& points = stack->flush_points();
+    const auto& start = shape.region.start();
+    const auto& size = shape.region.size();
+    for (std::size_t i = 0; i + 1 < points.size(); ++i) {
+      bool hit = false;
+      for (std::uint64_t z = start[2]; z < start[2] + size[2] && !hit; ++z) {
+        for (std::uint64_t y = start[1]; y < start[1] + size[1] && !hit; ++y) {
+          const std::uint64_t begin = 2 * (start[0] + kSide * (y + kSide * z));
+          hit = points[i].plain_offset < begin + 2 * size[0] && points[i + 1].plain_offset > begin;
+        }
+      }
+      touched += hit ? 1 : 0;
+    }
+    time_against_whole(state, *stack, whole, whole_seconds, part_seconds, [&] {
+      return wall_seconds([&] { stack->read_region(shape.region, std::span(part)); });
+    });
+    file->close();
+  } catch (const std::exception& error) {
+    state.SkipWithError(error.what());
+    return;
+  }
+  const double share = part_seconds / whole_seconds;
+  const double x_blocks = static_cast<double>(inflated) / static_cast<double>(touched);
+  state.counters["x_whole"] = share;
+  state.counters["blocks"] = static_cast<double>(inflated);
+  state.counters["touched"] = static_cast<double>(touched);
+  state.counters["x_blocks"] = x_blocks;
+  state.SetLabel(std::string(shape.name) + ": " + verdict("x_whole", share, false, shape.limit) +
+                 "; " + verdict("x_blocks", x_blocks, false, 1.0));
+}
+
 // Registers the benchmarks, the data and the buffers ready before the first timing.
 void register_benchmarks() {
-  (void)samples();
+  for (std::size_t kind = 0; kind < kKinds.size(); ++kind) (void)samples(kind);
   (void)destination<kTallSamples>();
-  for (const int level : {1, 6}) {
-    register_manual_time("write", BM_Write, level == 1 ? 3 : 2)->Arg(level)->ArgName("level");
+  const std::vector<std::vector<std::int64_t>> runs{{1, 0}, {1, 1}, {1, 2}, {6, 0}};
+  for (const auto& run : runs) {
+    register_manual_time("write", BM_Write, run[0] == 1 ? 3 : 2)
+        ->Args(run)
+        ->ArgNames({"level", "kind"});
   }
-  for (const int level : {1, 6}) {
-    register_manual_time("read", BM_Read, 3)->Arg(level)->ArgName("level");
+  for (const auto& run : runs) {
+    register_manual_time("read", BM_Read, 3)->Args(run)->ArgNames({"level", "kind"});
   }
   register_manual_time("read_plane_32/uint16_2048x2048x64", BM_Plane, 3);
+  register_manual_time("read_region/uint16_2048x2048x64", BM_Region, 3)->DenseRange(0, 2);
 }
 
 }  // namespace
@@ -456,6 +563,9 @@ void* valloc(std::size_t size) noexcept {
 int main(int argc, char** argv) {
   tarnio_bench::register_benchmarks();
   const int status = tarnio_bench::run_benchmarks(argc, argv);
-  tarnio_bench::remove_file(tarnio_bench::bench_file("planes.raw"));
+  tarnio_bench::remove_file(tarnio_bench::bench_file("regions.tbf"));
+  for (std::size_t kind = 0; kind < tarnio_bench::kKinds.size(); ++kind) {
+    tarnio_bench::remove_file(tarnio_bench::raw_file(kind));
+  }
   return status;
 }

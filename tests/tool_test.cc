@@ -15,6 +15,7 @@
 #include <span>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tarnio/arrays/data_type.h"
@@ -22,6 +23,7 @@
 #include "tarnio/json/read_write.h"
 #include "tarnio/testing/loopback_server.h"
 #include "tarnio/testing/temp_dir.h"
+#include "tarnio/units/runtime_value.h"
 
 namespace {
 
@@ -536,6 +538,11 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
     for (std::size_t i = 0; i < 3; ++i) {
       const auto stack = file->add_stack(types[i], {2, i + 1, 3});
       stack->set_name(names[i]);
+      if (i == 1) {
+        stack->set_labels({"x", "", "t"});
+        stack->set_units(0, Tarn::units::RuntimeValue(0.5, "um"));
+        stack->set_units(2, Tarn::units::RuntimeValue(2, "s"));
+      }
       const std::vector<std::byte> zeros((i + 1) * 6 * tarn_dt_get_size(types[i]));
       stack->write(zeros.data(), zeros.size());
       stack->commit();
@@ -556,13 +563,14 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
   const std::size_t header = 5;
   ASSERT_EQ(rows[header].rfind("index", 0), 0u) << run.out;
   const std::vector<std::size_t> columns = cell_starts(rows[header]);
-  ASSERT_EQ(columns.size(), 7u) << rows[header];
+  ASSERT_EQ(columns.size(), 8u) << rows[header];
   ASSERT_EQ(rows.size(), header + 4) << run.out;
   for (std::size_t i = header + 1; i < rows.size(); ++i) {
     EXPECT_EQ(cell_starts(rows[i]), columns) << rows[i];
   }
   EXPECT_NE(rows[header + 2].find("Länge in µm"), std::string::npos);
   EXPECT_NE(rows[header + 2].find("2x2x3"), std::string::npos);
+  EXPECT_NE(rows[header + 2].find("x [0.5 µm], -, t [2 s]"), std::string::npos);
   EXPECT_NE(rows[header + 3].find("two\\nlines\\xFF"), std::string::npos);
 
   // The JSON form stays valid UTF-8 whatever the file holds.
@@ -570,6 +578,9 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
   EXPECT_EQ(info.at("description"), JSON::Value("cells\nday 2"));
   EXPECT_EQ(info.at("stacks")[2].at("name"), JSON::Value("two\nlines\uFFFD"));
   EXPECT_EQ(info.at("stacks")[1].at("data_length"), JSON::Value(2 * 2 * 3 * 8));
+  EXPECT_EQ(JSON::write(info.at("stacks")[1].at("labels")), R"(["x","","t"])");
+  EXPECT_EQ(JSON::write(info.at("stacks")[1].at("units")), R"(["0.5 µm",null,"2 s"])");
+  EXPECT_EQ(JSON::write(info.at("stacks")[0].at("units")), "[null,null,null]");
 }
 
 TEST(TarnTool, VerifyPassesIntactFilesAndFailsDamagedOnesWithOneLine) {
@@ -659,6 +670,54 @@ TEST(TarnTool, CompressedStacksWriteReadAndVerify) {
   bytes[bytes.size() / 2] ^= 0x5A;
   spill(dir / "bad.tbf", bytes);
   expect_one_line_failure(tarn("verify " + (dir / "bad.tbf").string()), "flipped");
+}
+
+TEST(TarnTool, ReadRegionWritesTheSliceOfPlainAndCompressedStacks) {
+  Tarn::testing::TempDir dir;
+  const std::uint64_t nx = 300, ny = 40, nz = 9;
+  const std::string raw = camera_bytes(nx * ny * nz, 5);
+  spill(dir / "in.raw", raw);
+  struct Case {
+    std::string text;
+    std::uint64_t start[3], end[3];
+  };
+  const std::vector<Case> cases{{"0:128,0:16,4", {0, 0, 4}, {128, 16, 5}},
+                                {"7,:,2:", {7, 0, 2}, {8, ny, nz}},
+                                {":,:,:", {0, 0, 0}, {nx, ny, nz}}};
+  for (const std::string compression : {"none", "zlib:1"}) {
+    const std::string file = (dir / (compression.substr(0, 4) + ".tbf")).string();
+    ASSERT_EQ(tarn("write " + file + " --type uint16 --shape 300,40,9 --compression " +
+                   compression + " " + (dir / "in.raw").string())
+                  .status,
+              0);
+    for (const Case& c : cases) {
+      std::string expected;
+      for (std::uint64_t z = c.start[2]; z < c.end[2]; ++z) {
+        for (std::uint64_t y = c.start[1]; y < c.end[1]; ++y) {
+          for (std::uint64_t x = c.start[0]; x < c.end[0]; ++x) {
+            expected += raw.substr(2 * (x + nx * (y + ny * z)), 2);
+          }
+        }
+      }
+      const ToolRun run = tarn("read " + file + " --stack 0 --threads 2 --region " + c.text);
+      EXPECT_EQ(run.status, 0) << run.err;
+      EXPECT_TRUE(run.out == expected) << compression << " " << c.text;
+    }
+    for (const std::string outside : {"0:301,:,:", ":,:", "1:2:3,:,:"}) {
+      expect_one_line_failure(tarn("read " + file + " --stack 0 --region " + outside), outside);
+    }
+  }
+}
+
+TEST(TarnTool, CommandsThatCompressOrInflateUseEveryHardwareThreadByDefault) {
+  const std::string report = "(default: every hardware thread, " +
+                             std::to_string(std::max(1u, std::thread::hardware_concurrency())) +
+                             " here)";
+  for (const std::string command : {"write", "read", "verify", "compact", "recover"}) {
+    const ToolRun help = tarn(command + " --help");
+    EXPECT_NE(help.out.find(report), std::string::npos) << command << "\n" << help.out;
+  }
+  EXPECT_EQ(tarn("read x.tbf --stack 0 --threads 0").status, 2);
 }
 
 TEST(TarnTool, RecoverAndCompactRewriteFiles) {

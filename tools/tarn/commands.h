@@ -9,8 +9,10 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <span>
 #include <string>
 
+#include "tarnio/arrays/region.h"
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/bf/file_rewrite.h"
 #include "tarnio/json/value.h"
@@ -47,6 +49,14 @@ inline constexpr std::size_t kTransferBlock = std::size_t{4} << 20;
 // stored as text in `text`; parse_compression then reads it.
 CLI::Option* add_compression_option(CLI::App& command, std::string& text,
                                     const std::string& description);
+// The threads the machine runs at once (at least 1): what the commands that compress or
+// decompress give the library unless --threads says otherwise.
+std::uint64_t hardware_threads();
+// Adds --threads N to `command`, stored in `threads`, which starts as hardware_threads();
+// `purpose` ends the option's description ("Threads for PURPOSE ...").
+CLI::Option* add_threads_option(CLI::App& command, std::uint64_t& threads,
+                                const std::string& purpose);
+
 // The compression of a text that add_compression_option accepted; zlib alone is level 6.
 // Throws std::invalid_argument for other text.
 Tarn::bf::StackCompression parse_compression(const std::string& text);
@@ -71,6 +81,12 @@ std::string read_input(const std::string& name);
 // Writes `text` to the file `name`, or to standard output when `name` is empty. Throws
 // std::runtime_error "Could not write '{name}': {system text}" / "Could not write output: ...".
 void write_output(const std::string& name, const std::string& text);
+
+// The region of `text`, each axis of a stack of `shape` given in order, comma-separated, as an
+// index i, a half-open range a:b (a or b left out: 0 or the axis size) or ':' for the whole
+// axis. Throws std::runtime_error for text of another form, another number of axes, and for a
+// region that does not lie inside the shape.
+Tarn::arrays::Region parse_region(const std::string& text, std::span<const std::uint64_t> shape);
 
 // Prints what `tarn info` prints for the TBF file at `path`. Throws as Tarn::open_file does.
 void print_info(const std::filesystem::path& path, bool json);

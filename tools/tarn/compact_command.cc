@@ -16,7 +16,7 @@ struct CompactOptions {
   std::string file;
   std::string out;
   std::string compression;
-  std::uint64_t threads = 1;
+  std::uint64_t threads = 0;
 };
 
 void run_compact(const CompactOptions& options) {
@@ -41,8 +41,7 @@ void add_compact_command(CLI::App& app) {
   command->add_option("OUT", options->out, "The compacted file (default: replace FILE)");
   add_compression_option(*command, options->compression,
                          "Store every stack with this compression: none, zlib or zlib:LEVEL");
-  command->add_option("--threads", options->threads, "Threads for compressed data")
-      ->check(CLI::PositiveNumber);
+  add_threads_option(*command, options->threads, "compressed data");
   command->callback([options] { run_compact(*options); });
 }
 

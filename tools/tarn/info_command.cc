@@ -16,6 +16,7 @@
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/json/read_write.h"
 #include "tarnio/json/value.h"
+#include "tarnio/units/runtime_value.h"
 #include "tools/tarn/commands.h"
 
 namespace tarn {
@@ -61,6 +62,26 @@ std::size_t text_width(std::string_view text) {
 
 std::string shape_text(const std::vector<std::uint64_t>& shape) {
   return shape.empty() ? std::string("-") : fmt::format("{}", fmt::join(shape, "x"));
+}
+
+// Whether axis `axis` has a unit other than the default, the dimensionless 1.
+bool has_units(const Tarn::bf::StackImp& stack, std::size_t axis) {
+  return !(stack.units(axis).to_string() == Tarn::units::RuntimeValue().to_string());
+}
+
+// Per axis its label (or "-") and its unit in brackets when set, "x [0.1 µm], y [0.1 µm], t";
+// "-" when no axis has either.
+std::string axes_text(const Tarn::bf::StackImp& stack) {
+  std::vector<std::string> axes;
+  bool any = false;
+  for (std::size_t i = 0; i < stack.shape().size(); ++i) {
+    const std::string& label = stack.label(i);
+    std::string text = label.empty() ? "-" : clean_text(label, true);
+    if (has_units(stack, i)) text += " [" + stack.units(i).to_string() + "]";
+    any = any || !label.empty() || has_units(stack, i);
+    axes.push_back(std::move(text));
+  }
+  return any ? fmt::format("{}", fmt::join(axes, ", ")) : "-";
 }
 
 // The stored bytes per plain byte of a stack's data; 0 without data.
@@ -125,11 +146,11 @@ std::string info_table(const Tarn::bf::FileInterface& file) {
   });
   if (file.number_of_stacks() == 0) return out;
   std::vector<std::vector<std::string>> rows{
-      {"index", "name", "type", "shape", "compression", "chunks", "data size"}};
+      {"index", "name", "type", "shape", "axes", "compression", "chunks", "data size"}};
   for (std::size_t i = 0; i < file.number_of_stacks(); ++i) {
     const auto stack = file.stack(i);
     rows.push_back({std::to_string(i), clean_text(stack->name(), true),
-                    tarn_dt_get_name(stack->type()), shape_text(stack->shape()),
+                    tarn_dt_get_name(stack->type()), shape_text(stack->shape()), axes_text(*stack),
                     compression_text(*stack), chunk_text(*stack), size_text(stack->data_length())});
   }
   return out + "\n" + aligned(rows) + archive_lines(file);
@@ -144,6 +165,13 @@ JSON::Value json_list(const std::vector<T>& values) {
 
 JSON::Value stack_json(const Tarn::bf::StackImp& stack, std::size_t index) {
   const bool zlib = stack.compression() == Tarn::bf::StackImp::Compression::zlib;
+  // Per axis the label ("" when none) and the unit (null when none).
+  JSON::Value labels = JSON::Value::list();
+  JSON::Value units = JSON::Value::list();
+  for (std::size_t i = 0; i < stack.shape().size(); ++i) {
+    labels.push_back(clean_text(stack.label(i), false));
+    units.push_back(has_units(stack, i) ? JSON::Value(stack.units(i).to_string()) : JSON::Value());
+  }
   return JSON::Value::object({
       {"index", index},
       {"position", stack.position()},
@@ -154,6 +182,8 @@ JSON::Value stack_json(const Tarn::bf::StackImp& stack, std::size_t index) {
       {"shape", json_list(stack.shape())},
       {"lengths", json_list(stack.lengths())},
       {"offsets", json_list(stack.offsets())},
+      {"labels", std::move(labels)},
+      {"units", std::move(units)},
       {"compression", zlib ? "zlib" : "none"},
       {"compression_level", stack.compression_level()},
       {"stored_ratio", stored_ratio(stack)},

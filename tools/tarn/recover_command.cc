@@ -17,7 +17,7 @@ namespace {
 struct RecoverOptions {
   std::string file;
   std::string out;
-  std::uint64_t threads = 1;
+  std::uint64_t threads = 0;
 };
 
 void run_recover(const RecoverOptions& options) {
@@ -45,8 +45,7 @@ void add_recover_command(CLI::App& app) {
       "committed chunks of one written chunk-wise) into a new, complete file OUT.");
   command->add_option("FILE", options->file, "The unfinished TBF file")->required();
   command->add_option("OUT", options->out, "The new file")->required();
-  command->add_option("--threads", options->threads, "Threads for compressed data")
-      ->check(CLI::PositiveNumber);
+  add_threads_option(*command, options->threads, "compressed data");
   command->callback([options] { run_recover(*options); });
 }
 

@@ -23,6 +23,7 @@ namespace {
 
 struct VerifyOptions {
   std::string file;
+  std::uint64_t threads = 0;
 };
 
 // Checks the stack's stored form and reads the stack whole unless that check already inflated
@@ -59,6 +60,7 @@ std::optional<std::string> check_stack(Tarn::bf::StackImp& stack, std::size_t in
 void run_verify(const VerifyOptions& options) {
   watch_interruptions();
   const auto file = Tarn::open_file(options.file, Tarn::bf::DiskFile::Mode::read);
+  file->set_threading_support({options.threads, {}});
   std::optional<std::string> first_failure;
   std::size_t failures = 0;
   for (std::size_t i = 0; i < file->number_of_stacks(); ++i) {
@@ -94,6 +96,7 @@ void add_verify_command(CLI::App& app) {
       "Check a TBF file: its header, stack chain and metadata, and every stack read completely. "
       "Exits 0 only when all of it is intact.");
   command->add_option("FILE", options->file, "The TBF file")->required();
+  add_threads_option(*command, options->threads, "inflating compressed data");
   command->callback([options] { run_verify(*options); });
 }
 

@@ -124,9 +124,7 @@ void copy_samples(Input& input, StackImp& stack, std::size_t sample) {
 
 void write_stack(Tarn::bf::FileInterface& file, const WriteOptions& options, Input& input) {
   const Tarn::bf::StackCompression compression = parse_compression(options.compression);
-  if (options.threads > 0) {
-    file.set_threading_support({options.threads, {}});
-  }
+  file.set_threading_support({options.threads, {}});
   if (!options.append) file.set_description(options.file_description);
   const DataType type = tarn_dt_from_name(options.type.c_str());
   const auto stack = file.add_stack(type, options.shape);
@@ -183,10 +181,7 @@ void add_write_command(CLI::App& app) {
   command->add_option("--description", options->description, "The stack's description");
   add_compression_option(*command, options->compression,
                          "none (the default), zlib or zlib:LEVEL with a level from 0 to 9");
-  command
-      ->add_option("--threads", options->threads,
-                   "Threads for compressing the data (the file's thread count)")
-      ->check(CLI::PositiveNumber);
+  add_threads_option(*command, options->threads, "compressing the data");
   CLI::Option* append = command->add_flag(
       "--append", options->append, "Add the stack behind the stacks of the existing file OUT.");
   command

@@ -13,6 +13,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tarnio/bf/disk_file_access.h"
@@ -35,6 +36,19 @@ class DataSegment {
   // std::invalid_argument "Bytes beyond the end of the stack data requested." for bytes past
   // the data (see require_within).
   virtual void read(std::uint64_t offset, std::span<std::byte> out) = 0;
+  // Reads several ranges of plain bytes, each as read() would. A segment that decodes in blocks
+  // decodes the blocks of ranges that begin and end on block boundaries all together, on its
+  // threads.
+  using Range = std::pair<std::uint64_t, std::span<std::byte>>;
+  virtual void read_ranges(std::span<const Range> ranges) {
+    for (const auto& [offset, out] : ranges) read(offset, out);
+  }
+  // The plain bytes [first, second) that are decoded as one whenever plain byte `offset` (below
+  // the plain length) is read: the flush block holding it. An empty range (the default) says
+  // that a read costs only the bytes read, as for plain data.
+  virtual std::pair<std::uint64_t, std::uint64_t> decode_unit(std::uint64_t offset) {
+    return {offset, offset};
+  }
   // The record entries this segment needs to be read again (empty for plain data).
   virtual std::vector<std::pair<RecordKey, std::string>> record_entries() const { return {}; }
   // The file position just behind the bytes the segment has put into the file.

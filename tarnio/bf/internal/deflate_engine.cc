@@ -26,7 +26,7 @@ struct LevelSetting {
 // The table of deflate_engine.h.
 constexpr std::array<LevelSetting, 10> kLevels{{
     {Engine::stored, 0},
-    {Engine::isal, 1},
+    {Engine::isal, 2},
     {Engine::isal, 2},
     {Engine::libdeflate, 2},
     {Engine::libdeflate, 4},

@@ -17,8 +17,7 @@
 //
 //   level  engine                 deflate MB/s  ratio   inflate MB/s (ISA-L)
 //   0      zlib level 0 (stored)          1250  1.0001  8000
-//   1      ISA-L level 1                   290  0.4227   440
-//   2      ISA-L level 2                   280  0.4187   430
+//   1, 2   ISA-L level 2                   280  0.4187   430
 //   3      libdeflate level 2               78  0.4079   510
 //   4      libdeflate level 4               56  0.3984   500
 //   5, 6   zlib level 3                     34  0.3940   550
@@ -27,7 +26,10 @@
 //   9      libdeflate level 12             4.0  0.3665   680
 //
 // Each level is no faster than the one before and never larger on this data. Left out: ISA-L
-// level 3, the fastest (330 MB/s) but 0.4254, 1 % above pigz -1 here and more on other data;
+// level 1 (290 MB/s, 0.4227), which came out 1.3 % above pigz -1 on the 12-bit planes of the
+// benchmark and 2.2 % on other 12-bit data, where ISA-L level 2 stays within 0.2 % of it for
+// 3 to 10 % less speed (on 8-bit sparse and 16-bit dense data both are within 0.5 % of pigz
+// -1 or smaller); ISA-L level 3, the fastest (330 MB/s) but 0.4254, more above pigz -1 still;
 // as beaten by a row above, libdeflate levels 1, 3, 5, 6, 8 and 9 and classic zlib's higher
 // levels, slow for what they gain (zlib 6: 7 MB/s for 0.3954, zlib 9: 1.5 MB/s for 0.3878).
 // zlib runs with a 32 KiB window and memLevel 9. libdeflate writes whole buffers that end in a

@@ -610,6 +610,43 @@ void ZlibSegment::read(std::uint64_t offset, std::span<std::byte> out) {
   while (!window.empty()) window.collect();
 }
 
+void ZlibSegment::read_ranges(std::span<const Range> ranges) {
+  State& s = *state_;
+  s.require_reading();
+  const auto on_point = [&s](std::uint64_t offset) {
+    return offset == s.plain_length || s.points[s.block_of(offset)].plain_offset == offset;
+  };
+  const bool whole_blocks =
+      !s.points.empty() && std::ranges::all_of(ranges, [&](const Range& range) {
+        const std::uint64_t end = range.first + range.second.size();
+        return range.first < end && end <= s.plain_length && on_point(range.first) && on_point(end);
+      });
+  if (!whole_blocks) {
+    DataSegment::read_ranges(ranges);
+    return;
+  }
+  ParallelTasks tasks(s.threading);
+  const std::unique_ptr<TaskWindow> owned_window = s.read_window(tasks);
+  TaskWindow& window = *owned_window;
+  for (const auto& [offset, out] : ranges) {
+    std::size_t block = s.block_of(offset);
+    for (std::uint64_t at = 0; at < out.size(); ++block) {
+      const std::uint64_t n = s.points[block + 1].plain_offset - s.points[block].plain_offset;
+      if (window.full()) window.collect();
+      s.launch_block(window, block, out.subspan(static_cast<std::size_t>(at), n));
+      at += n;
+    }
+  }
+  while (!window.empty()) window.collect();
+}
+
+std::pair<std::uint64_t, std::uint64_t> ZlibSegment::decode_unit(std::uint64_t offset) {
+  const State& s = *state_;
+  if (s.points.empty() || offset >= s.plain_length) return {offset, offset};
+  const std::size_t block = s.block_of(offset);
+  return {s.points[block].plain_offset, s.points[block + 1].plain_offset};
+}
+
 std::vector<std::pair<RecordKey, std::string>> ZlibSegment::record_entries() const {
   const State& s = *state_;
   if (s.writing || s.points.empty()) return {};

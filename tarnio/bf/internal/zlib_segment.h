@@ -67,6 +67,12 @@ class ZlibSegment final : public DataSegment {
   // Throws std::runtime_error "Zipped segment unexpectedly initialized in write mode." on a
   // segment being written, std::invalid_argument for bytes beyond the plain data.
   void read(std::uint64_t offset, std::span<std::byte> out) override;
+  // Inflates the blocks of ranges of whole flush blocks together on the segment's threads;
+  // other ranges (and a stream without index) are read one by one.
+  void read_ranges(std::span<const Range> ranges) override;
+  // The flush block holding `offset`; empty for a stream without index, which is read front to
+  // back from where the last read ended.
+  std::pair<std::uint64_t, std::uint64_t> decode_unit(std::uint64_t offset) override;
   // The flush index (key flush_index) and the blocks' checksums (key block_checksums), once
   // finished.
   std::vector<std::pair<RecordKey, std::string>> record_entries() const override;
