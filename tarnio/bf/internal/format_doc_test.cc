@@ -61,7 +61,13 @@ TEST(FormatDocument, AgreesWithTheFormatConstants) {
   // The record, then one entry.
   EXPECT_EQ(cells.at("Stack record"),
             offsets({0, kRecordLengthOffset, kRecordEntriesOffset, 0, 4, kRecordEntryHeaderSize}));
-  EXPECT_EQ(cells.at("Record keys"), offsets({1, 2, 3, 4}));
+  std::vector<std::size_t> keys;
+  for (const RecordKey key :
+       {RecordKey::minimum_reader_version, RecordKey::stack_info, RecordKey::flush_index,
+        RecordKey::chunk_index, RecordKey::block_checksums, RecordKey::chunk_checksums}) {
+    keys.push_back(static_cast<std::size_t>(key));
+  }
+  EXPECT_EQ(cells.at("Record keys"), offsets(keys));
   // A flush point; a chunk frame, then a chunk index entry.
   EXPECT_EQ(cells.at("Compressed data"), offsets({0, kFlushPointSize / 2}));
   std::vector<std::string> chunks = offsets({0, kChunkSamplesOffset, kChunkIndexLengthOffset,
