@@ -10,7 +10,9 @@ CMAKE_FLAGS ?=
 PACKAGES := cmake make g++ pkg-config zlib1g-dev libfmt-dev libboost-dev libgtest-dev \
             libgmock-dev libbenchmark-dev libcli11-dev clang-format \
             nlohmann-json3-dev libpugixml-dev libxml2-utils \
-            libisal-dev libdeflate-dev pigz libhdf5-dev
+            libisal-dev libdeflate-dev pigz libhdf5-dev \
+            pybind11-dev python3-dev python3-numpy python3-dask python3-distributed \
+            python3-pytest
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
