@@ -78,8 +78,13 @@ class Stack:
         of any element type, converted as the library converts) or into a new array."""
         if out is None:
             out = np.empty(self.shape, self.dtype)
-        self._raw.read(out, _types.code_of(out.dtype))
+        self._raw.read(out, self._code_of(out.dtype))
         return out
+
+    def _code_of(self, dtype):
+        """The type code of a buffer of `dtype`: the stack's own type when the dtype is the
+        stack's (packed colour reads and writes as uint32)."""
+        return self._raw.type if dtype == self.dtype else _types.code_of(dtype)
 
     def __array__(self, dtype=None):
         data = self.read()
@@ -97,7 +102,7 @@ class Stack:
         a dtype it does not know by numpy."""
         samples = np.asarray(samples)
         try:
-            code = _types.code_of(samples.dtype)
+            code = self._code_of(samples.dtype)
         except TypeError:
             samples, code = samples.astype(self.dtype), self._raw.type
         self._raw.write(np.ascontiguousarray(samples), code)
