@@ -65,12 +65,15 @@ class RegionReader {
     return offset;
   }
 
-  // Whether axes 0 to `axis` of the region are one run of the stack.
+  // Whether axes 0 to `axis` of the region are one run of the stack: below the slowest of
+  // them that takes more than one index, every axis is whole.
   bool is_contiguous(std::size_t axis) const {
-    for (std::size_t i = 0; i < axis; ++i) {
+    std::size_t top = axis;
+    while (top > 0 && region_.size()[top] == 1) --top;
+    for (std::size_t i = 0; i < top; ++i) {
       if (region_.size()[i] != stack_.shape()[i] || region_.step()[i] != 1) return false;
     }
-    return region_.step()[axis] == 1 || region_.size()[axis] == 1;
+    return region_.step()[top] == 1 || region_.size()[top] == 1;
   }
 
   // Copies axes 0 to `axis` of the region out of the stack run at `run`.
