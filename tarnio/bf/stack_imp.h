@@ -40,8 +40,10 @@
 #include <functional>
 #include <memory>
 #include <span>
+#include <stdexcept>
 
 #include "tarnio/arrays/data_type.h"
+#include "tarnio/arrays/region.h"
 #include "tarnio/arrays/stack_info_imp.h"
 #include "tarnio/bf/flush_point.h"
 #include "tarnio/export.h"
@@ -164,6 +166,25 @@ class TARNIO_EXPORT StackImp : public arrays::StackInfoImp {
   template <class T>
   std::uint64_t read(std::uint64_t first, std::span<T> samples) {
     return read(first, samples.size(), samples.data(), arrays::data_type_of<T>());
+  }
+
+  // Reads the elements of `region` (start, size and step per axis, one axis per dimension) into
+  // `buffer`, in column-major order of the region (axis 0 fastest), as `buffer_type`, with
+  // `imag` as for read(). Only the flush blocks and chunks the region touches are read, each
+  // inflated once, however many short lines the region is made of. Throws as read() does,
+  // std::invalid_argument "Region does not fit the stack." for a region of another rank or
+  // reaching beyond the shape, and "Requested samples have not been written yet." for one that
+  // reaches beyond the chunks an unfinished stack has.
+  void read_region(const arrays::Region& region, void* buffer,
+                   DataType buffer_type = Tarn::dt::none, void* imag = nullptr);
+  // Throws std::invalid_argument "Buffer too small for the region." when `out` holds fewer
+  // elements than the region.
+  template <class T>
+  void read_region(const arrays::Region& region, std::span<T> out) {
+    if (out.size() < region.number_of_elements()) {
+      throw std::invalid_argument("Buffer too small for the region.");
+    }
+    read_region(region, out.data(), arrays::data_type_of<T>());
   }
 
   // The flush points of a compressed stack's data. Throws std::runtime_error "No flush blocks

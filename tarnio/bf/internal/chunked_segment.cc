@@ -81,6 +81,8 @@ struct ChunkedSegment::State {
   void restore_write_position();
   // Where the next append goes while writing.
   std::uint64_t write_position() const;
+  // The chunk holding plain byte `offset` (below the committed length).
+  std::size_t chunk_of(std::uint64_t offset) const;
   // Reads plain bytes from `offset` on into `out`, starting with chunk `i`, which holds the offset.
   void read_chunks(std::size_t i, std::uint64_t offset, std::span<std::byte> out);
   // The stream of compressed chunk `i`, kept until another chunk is read.
@@ -366,13 +368,29 @@ void ChunkedSegment::read(std::uint64_t offset, std::span<std::byte> out) {
     throw std::out_of_range("Bytes beyond the end of the stack data requested.");
   }
   if (out.empty()) return;
+  s.keep_write_position([&] { s.read_chunks(s.chunk_of(offset), offset, out); });
+}
+
+std::pair<std::uint64_t, std::uint64_t> ChunkedSegment::decode_unit(std::uint64_t offset) {
+  State& s = *state_;
+  if (!s.compressed() || offset >= s.committed_samples * s.layout.element_size) {
+    return {offset, offset};
+  }
+  const std::size_t i = s.chunk_of(offset);
+  const std::uint64_t base = s.chunks[i].first_sample * s.layout.element_size;
+  std::pair<std::uint64_t, std::uint64_t> unit;
+  s.keep_write_position([&] { unit = s.reader_for(i).decode_unit(offset - base); });
+  return {unit.first + base, unit.second + base};
+}
+
+std::size_t ChunkedSegment::State::chunk_of(std::uint64_t offset) const {
   // The last chunk whose plain bytes start at or before the offset.
-  auto it = std::upper_bound(s.chunks.begin(), s.chunks.end(), offset,
+  const std::size_t element_size = layout.element_size;
+  auto it = std::upper_bound(chunks.begin(), chunks.end(), offset,
                              [element_size](std::uint64_t value, const Chunk& chunk) {
                                return value < chunk.first_sample * element_size;
                              });
-  std::size_t i = static_cast<std::size_t>(std::distance(s.chunks.begin(), it)) - 1;
-  s.keep_write_position([&] { s.read_chunks(i, offset, out); });
+  return static_cast<std::size_t>(std::distance(chunks.begin(), it)) - 1;
 }
 
 void ChunkedSegment::State::read_chunks(std::size_t i, std::uint64_t offset,

@@ -78,6 +78,8 @@ class ChunkedSegment final : public DataSegment {
   void append(std::span<const std::byte> bytes) override;
   std::uint64_t finish() override;
   void read(std::uint64_t offset, std::span<std::byte> out) override;
+  // The flush block of a compressed chunk holding `offset`; empty for plain chunks.
+  std::pair<std::uint64_t, std::uint64_t> decode_unit(std::uint64_t offset) override;
   // The chunk index (key chunk_index).
   std::vector<std::pair<RecordKey, std::string>> record_entries() const override;
   std::uint64_t end_position() const override;

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tarnio/bf/disk_file_access.h"
@@ -31,6 +32,12 @@ class DataSegment {
   virtual std::uint64_t finish() = 0;
   // Reads `out.size()` plain bytes starting at byte `offset` of the plain data.
   virtual void read(std::uint64_t offset, std::span<std::byte> out) = 0;
+  // The plain bytes [first, second) that are decoded as one whenever plain byte `offset` (below
+  // the plain length) is read: the flush block holding it. An empty range (the default) says
+  // that a read costs only the bytes read, as for plain data.
+  virtual std::pair<std::uint64_t, std::uint64_t> decode_unit(std::uint64_t offset) {
+    return {offset, offset};
+  }
   // The record entries this segment needs to be read again (empty for plain data).
   virtual std::vector<std::pair<RecordKey, std::string>> record_entries() const { return {}; }
   // The file position just behind the bytes the segment has put into the file.

@@ -559,6 +559,13 @@ void ZlibSegment::read(std::uint64_t offset, std::span<std::byte> out) {
   while (!window.empty()) window.collect();
 }
 
+std::pair<std::uint64_t, std::uint64_t> ZlibSegment::decode_unit(std::uint64_t offset) {
+  const State& s = *state_;
+  if (s.points.empty() || offset >= s.plain_length) return {offset, offset};
+  const std::size_t block = s.block_of(offset);
+  return {s.points[block].plain_offset, s.points[block + 1].plain_offset};
+}
+
 std::vector<std::pair<RecordKey, std::string>> ZlibSegment::record_entries() const {
   const State& s = *state_;
   if (s.writing || s.points.empty()) return {};

@@ -64,6 +64,9 @@ class ZlibSegment final : public DataSegment {
   // Throws std::runtime_error "Zipped segment unexpectedly initialized in write mode." on a
   // segment being written, std::out_of_range for bytes beyond the plain data.
   void read(std::uint64_t offset, std::span<std::byte> out) override;
+  // The flush block holding `offset`; empty for a stream without index, which is read front to
+  // back from where the last read ended.
+  std::pair<std::uint64_t, std::uint64_t> decode_unit(std::uint64_t offset) override;
   // The flush index (key flush_index), once finished.
   std::vector<std::pair<RecordKey, std::string>> record_entries() const override;
   std::uint64_t end_position() const override;
