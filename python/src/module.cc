@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "python/src/error_translation.h"
-#include "python/src/region_read.h"
 #include "tarnio/arrays/data_type.h"
 #include "tarnio/arrays/region.h"
 #include "tarnio/bf/file_interface.h"
@@ -211,9 +210,10 @@ void bind_stack(py::module_& module) {
               std::vector<std::uint64_t> step, py::array out, DataType type) {
              const Tarn::arrays::Region region(std::move(start), std::move(size), std::move(step));
              check_buffer(out, region.number_of_elements(), type, true);
-             std::span buffer(static_cast<std::byte*>(out.mutable_data()),
-                              static_cast<std::size_t>(out.nbytes()));
-             locked(*s.owner, [&] { read_region(*s.stack, region, buffer, type); });
+             void* data = out.mutable_data();
+             locked(*s.owner, [&] {
+               if (region.number_of_elements() != 0) s.stack->read_region(region, data, type);
+             });
            })
       .def("write",
            [](Stack& s, const py::array& samples, DataType type) {
