@@ -50,6 +50,8 @@ demo: build
 
 bench: build
 	for b in $(BUILD)/bench/tarnio_*_benchmark; do $$b || exit 1; done
+	if [ -d $(BUILD)/python/tarnio ]; then \
+	  PYTHONPATH=$(BUILD)/python /usr/bin/python3 bench/python_benchmark.py $(BUILD); fi
 
 sanitize: deps
 	@cmake -S . -B $(SANITIZE_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARNIO_SANITIZE=ON \
