@@ -14,6 +14,9 @@ from . import _file
 
 # Chunk bytes of a plain stack, which can be read at any place at the same cost.
 _PLAIN_CHUNK_BYTES = 64 << 20
+# Chunks of a stack stored in pieces hold whole pieces, as many as fit into this: tasks much
+# smaller cost more in scheduling and transfers than they save.
+_PIECES_CHUNK_BYTES = 32 << 20
 
 
 class _StackSource:
@@ -32,6 +35,8 @@ class _StackSource:
 def natural_chunks(shape, itemsize, unit_bytes):
     """Chunks of about `unit_bytes` that follow the stack's layout: whole indices of the
     slowest axis whose one index fits, the faster axes whole."""
+    if 0 in shape:
+        return tuple(shape)
     for axis, n in enumerate(shape):
         sub_bytes = itemsize * math.prod(shape[axis + 1:])
         if sub_bytes <= unit_bytes or axis == len(shape) - 1:
@@ -40,13 +45,15 @@ def natural_chunks(shape, itemsize, unit_bytes):
     return tuple(shape)
 
 
-def _unit_bytes(stack):
-    """The bytes the stack stores as one piece: a flush block, a chunk frame, or any."""
+def _chunk_bytes(stack):
+    """Bytes of a chunk: whole flush blocks or chunk frames of the stack, or any for plain."""
     if stack.chunk_samples:
-        return stack.chunk_samples * stack.dtype.itemsize
-    if stack.compression != "none":
-        return stack.flush_block_size
-    return _PLAIN_CHUNK_BYTES
+        piece = stack.chunk_samples * stack.dtype.itemsize
+    elif stack.compression != "none":
+        piece = stack.flush_block_size
+    else:
+        return _PLAIN_CHUNK_BYTES
+    return piece * max(1, _PIECES_CHUNK_BYTES // piece)
 
 
 def to_dask(path, stack=0, chunks=None):
@@ -58,9 +65,9 @@ def to_dask(path, stack=0, chunks=None):
     path = os.path.abspath(os.fspath(path))
     with _file.open(path, threads=1) as f:
         source = f.stacks[stack]
-        shape, dtype, unit = source.shape, source.dtype, _unit_bytes(source)
+        shape, dtype, unit = source.shape, source.dtype, _chunk_bytes(source)
     if chunks is None:
-        chunks = natural_chunks(shape, dtype.itemsize, unit) if shape else ()
+        chunks = natural_chunks(shape, dtype.itemsize, unit)
     name = "tarnio-" + tokenize(path, os.stat(path).st_mtime_ns, stack, chunks)
     return da.from_array(_StackSource(path, stack, shape, dtype), chunks=chunks, name=name,
                          asarray=False, fancy=False, meta=np.empty((0,) * len(shape), dtype))
