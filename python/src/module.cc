@@ -32,7 +32,8 @@ using Tarn::bf::StackImp;
 namespace tarnio_python {
 namespace {
 
-// One open file and the lock its stacks share.
+// One open file and the lock its stacks share: every call that changes the file or moves data
+// holds it.
 struct OpenFile {
   std::shared_ptr<FileInterface> file;
   std::mutex mutex;
@@ -135,13 +136,15 @@ void bind_file(py::module_& module) {
       .def_property_readonly("writable", [](const OpenFile& f) { return f.file->is_writable(); })
       .def_property(
           "description", [](const OpenFile& f) { return f.file->description(); },
-          [](OpenFile& f, const std::string& d) { f.file->set_description(d); })
+          [](OpenFile& f, const std::string& d) { locked(f, [&] { f.file->set_description(d); }); })
       .def_property_readonly("metadata", [](const OpenFile& f) { return f.file->metadata(); })
-      .def("set_metadata", [](OpenFile& f, const std::string& key,
-                              const std::string& value) { f.file->set_metadata(key, value); })
+      .def("set_metadata",
+           [](OpenFile& f, const std::string& key, const std::string& value) {
+             locked(f, [&] { f.file->set_metadata(key, value); });
+           })
       .def("set_threads",
            [](OpenFile& f, std::uint64_t threads) {
-             f.file->set_threading_support({threads, {}});
+             locked(f, [&] { f.file->set_threading_support({threads, {}}); });
            })
       .def("__len__", [](const OpenFile& f) { return f.file->number_of_stacks(); })
       .def("stack",
@@ -153,10 +156,12 @@ void bind_file(py::module_& module) {
           [](const std::shared_ptr<OpenFile>& f, DataType type,
              const std::vector<std::uint64_t>& sizes, std::uint32_t compression,
              std::uint32_t level) {
-            auto stack = f->file->add_stack(type, sizes);
-            if (compression != 0)
-              stack->set_compression(static_cast<StackImp::Compression>(compression), level);
-            return Stack{f, stack};
+            return locked(*f, [&] {
+              auto stack = f->file->add_stack(type, sizes);
+              if (compression != 0)
+                stack->set_compression(static_cast<StackImp::Compression>(compression), level);
+              return Stack{f, stack};
+            });
           },
           py::arg("type"), py::arg("sizes"), py::arg("compression"), py::arg("level"));
 }
