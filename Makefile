@@ -11,7 +11,8 @@ PACKAGES := cmake make g++ pkg-config zlib1g-dev libfmt-dev libboost-dev libgtes
             libgmock-dev libbenchmark-dev libcli11-dev clang-format \
             nlohmann-json3-dev libpugixml-dev libxml2-utils \
             libisal-dev libdeflate-dev pigz libhdf5-dev \
-            python3 python3-zarr
+            python3 python3-zarr pybind11-dev python3-dev python3-numpy python3-dask \
+            python3-distributed python3-pytest
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
@@ -49,6 +50,8 @@ demo: build
 
 bench: build
 	for b in $(BUILD)/bench/tarnio_*_benchmark; do $$b || exit 1; done
+	if [ -d $(BUILD)/python/tarnio ]; then \
+	  PYTHONPATH=$(BUILD)/python /usr/bin/python3 bench/python_benchmark.py $(BUILD); fi
 
 sanitize: deps
 	@cmake -S . -B $(SANITIZE_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARNIO_SANITIZE=ON \
