@@ -612,5 +612,41 @@ TEST(ChunkedSegment, DamagedCompressedChunksAreReported) {
                            std::to_string(writer.chunks()[2].frame_offset + 1) + ".");
 }
 
+// A changed byte that still inflates (a stored block's payload) is caught by the chunks' block
+// checksums on every read that inflates its block; a walk of the frames, which has none, reads it.
+TEST(ChunkedSegment, ChunkChecksumsCatchDamageThatInflates) {
+  const ChunkLayout layout{2, 50, ZlibSettings{0, 32, {}}};
+  MemoryAccess written;
+  ChunkedSegment writer(written, 0, layout);
+  const Bytes data = noisy(300, 5);
+  writer.append(data);
+  const std::uint64_t length = writer.finish();
+  const auto entries = writer.record_entries();
+  ASSERT_EQ(entries.size(), 2u);
+  Bytes bytes = written.bytes();
+  const auto plain_at = data.begin() + 140;
+  const auto stored_at = std::search(bytes.begin(), bytes.end(), plain_at, plain_at + 8);
+  ASSERT_NE(stored_at, bytes.end());
+  *stored_at ^= std::byte{0x10};
+  MemoryAccess file(std::move(bytes));
+  auto checked = ChunkedSegment::from_index(file, 0, length, 150, entries.at(0).second, layout,
+                                            entries.at(1).second);
+  auto unchecked = ChunkedSegment::from_frames(file, 0, length, 150, layout);
+  EXPECT_EQ(read_range(*checked, 0, 100), Bytes(data.begin(), data.begin() + 100));
+  for (const auto& attempt : std::vector<std::function<void()>>{
+           [&] { read_range(*checked, 139, 2); }, [&] { read_range(*checked, 0, 300); },
+           [&] { checked->verify(); }}) {
+    try {
+      attempt();
+      ADD_FAILURE() << "damage not reported";
+    } catch (const TarnError& error) {
+      EXPECT_TRUE(error.message().starts_with("Damaged compressed data: plain bytes ") &&
+                  error.message().ends_with(" do not match their checksum."))
+          << error.message();
+    }
+  }
+  EXPECT_EQ(read_range(*unchecked, 140, 1).front(), data[140] ^ std::byte{0x10});
+}
+
 }  // namespace
 }  // namespace Tarn::bf::internal
