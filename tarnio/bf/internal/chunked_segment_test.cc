@@ -566,6 +566,21 @@ TEST(ChunkedSegment, CompressedChunksAreZlibStreamsOfTheirSamples) {
   }
 }
 
+// Each of `attempts` fails with a TarnError whose message begins with `prefix` and ends with
+// `suffix`.
+void expect_each_reports(const std::vector<std::function<void()>>& attempts,
+                         const std::string& prefix, const std::string& suffix = "") {
+  for (const auto& attempt : attempts) {
+    try {
+      attempt();
+      ADD_FAILURE() << "no error for " << prefix;
+    } catch (const TarnError& error) {
+      EXPECT_TRUE(error.message().starts_with(prefix) && error.message().ends_with(suffix))
+          << error.message();
+    }
+  }
+}
+
 TEST(ChunkedSegment, DamagedCompressedChunksAreReported) {
   const ChunkLayout layout{2, 50, ZlibSettings{6, 32, {}}};
   MemoryAccess written;
@@ -581,15 +596,8 @@ TEST(ChunkedSegment, DamagedCompressedChunksAreReported) {
     auto segment = ChunkedSegment::from_index(file, 0, length, 150, index, layout);
     // The first chunk is whole; the second fails however it is read.
     EXPECT_EQ(read_range(*segment, 0, 100), Bytes(data.begin(), data.begin() + 100));
-    for (const auto& attempt : std::vector<std::function<void()>>{
-             [&] { read_range(*segment, 100, 100); }, [&] { segment->verify(); }}) {
-      try {
-        attempt();
-        ADD_FAILURE() << "no error for " << prefix;
-      } catch (const TarnError& error) {
-        EXPECT_EQ(error.message().substr(0, prefix.size()), prefix) << error.message();
-      }
-    }
+    expect_each_reports({[&] { read_range(*segment, 100, 100); }, [&] { segment->verify(); }},
+                        prefix);
   };
 
   // Deflate data that lies, a flush index that lies.
@@ -633,18 +641,9 @@ TEST(ChunkedSegment, ChunkChecksumsCatchDamageThatInflates) {
                                             entries.at(1).second);
   auto unchecked = ChunkedSegment::from_frames(file, 0, length, 150, layout);
   EXPECT_EQ(read_range(*checked, 0, 100), Bytes(data.begin(), data.begin() + 100));
-  for (const auto& attempt : std::vector<std::function<void()>>{
-           [&] { read_range(*checked, 139, 2); }, [&] { read_range(*checked, 0, 300); },
-           [&] { checked->verify(); }}) {
-    try {
-      attempt();
-      ADD_FAILURE() << "damage not reported";
-    } catch (const TarnError& error) {
-      EXPECT_TRUE(error.message().starts_with("Damaged compressed data: plain bytes ") &&
-                  error.message().ends_with(" do not match their checksum."))
-          << error.message();
-    }
-  }
+  expect_each_reports({[&] { read_range(*checked, 139, 2); }, [&] { read_range(*checked, 0, 300); },
+                       [&] { checked->verify(); }},
+                      "Damaged compressed data: plain bytes ", " do not match their checksum.");
   EXPECT_EQ(read_range(*unchecked, 140, 1).front(), data[140] ^ std::byte{0x10});
 }
 
