@@ -173,40 +173,28 @@ TEST(TarnTool, CommandsGiveTheirExitCodeOutputAndMessage) {
       {"write " + at("abcd.raw") + " --type uint8 --shape 4 " + at("abcd.raw"), 1, "tarn: "},
       // Appending needs an existing file and creates none.
       {"write " + f + " --append --type uint8 --shape 4 " + at("abcd.raw"), 1, "tarn: "},
-      {"", 2, ""},
-      {"no-such-command", 2, ""},
-      {"types --no-such-option", 2, ""},
-      {"props", 2, ""},
-      {"props " + in + " --to yaml", 2, ""},
-      {"props " + in + " --to xml --get a", 2, ""},
-      {"props " + in + " " + in, 2, ""},
-      {"ome " + at("missing.ome.xml") + " --to yaml", 2, ""},
-      {"units", 2, ""},
-      {"tcp 127.0.0.1 0 x", 2, ""},
-      {"read x.tbf --stack 0 --threads 0", 2, ""},
-      {"compact " + one + " --compression zlib:12", 2, ""},
-      {"info", 2, ""},
-      {"info " + f + " " + f, 2, ""},
-      {"write " + f + " --shape 4 -", 2, ""},
-      {"write " + f + " --type uint8 -", 2, ""},
-      {"write " + f + " --type uint12 --shape 4 -", 2, ""},
-      {"write " + f + " --type none --shape 4 -", 2, ""},
-      {"write " + f + " --type cplx_uint8 --shape 4 -", 2, ""},
-      {"write " + f + " --type uint8 --shape 4,x -", 2, ""},
-      {"write " + f + " --type uint8 --shape 4,-1 -", 2, ""},
-      {"write " + f + " --type uint8 --shape 4 --compression lz4 -", 2, ""},
-      {"write " + f + " --type uint8 --shape 4 --compression zlib:10 -", 2, ""},
-      {"write " + f + " --type uint8 --shape 4 --threads 0 -", 2, ""},
-      {"write " + f + " --type uint8 --shape 4 --append --file-description d -", 2, ""},
-      {"write " + f + " --type uint8 --shape 4", 2, ""},
-      {"read " + f, 2, ""},
-      {"read " + f + " --stack -1", 2, ""},
-      {"read " + f + " --stack x", 2, ""},
-      {"meta", 2, ""},
-      {"meta " + f + " a b", 2, ""},
-      {"verify", 2, ""},
-      {"demo a.tbf b.tbf", 2, ""},
   };
+  // Usage errors exit with 2 and make no file.
+  for (const std::string& arguments :
+       {"props " + in + " --to yaml", "props " + in + " --to xml --get a", "props " + in + " " + in,
+        "ome " + at("missing.ome.xml") + " --to yaml", "compact " + one + " --compression zlib:12",
+        "info " + f + " " + f, "read " + f, "read " + f + " --stack -1", "read " + f + " --stack x",
+        "meta " + f + " a b", "write " + f + " --type uint8 --shape 4"}) {
+    rows.push_back({arguments, 2, ""});
+  }
+  for (const char* arguments :
+       {"", "no-such-command", "types --no-such-option", "props", "units", "info", "meta", "verify",
+        "demo a.tbf b.tbf", "tcp 127.0.0.1 0 x", "read x.tbf --stack 0 --threads 0"}) {
+    rows.push_back({arguments, 2, ""});
+  }
+  for (const char* options :
+       {"--shape 4", "--type uint8", "--type uint12 --shape 4", "--type none --shape 4",
+        "--type cplx_uint8 --shape 4", "--type uint8 --shape 4,x", "--type uint8 --shape 4,-1",
+        "--type uint8 --shape 4 --compression lz4", "--type uint8 --shape 4 --compression zlib:10",
+        "--type uint8 --shape 4 --threads 0",
+        "--type uint8 --shape 4 --append --file-description d"}) {
+    rows.push_back({"write " + f + " " + options + " -", 2, ""});
+  }
   // A file that is none, and one that is missing, fail alike in every command reading files.
   for (const std::string command : {"info ", "meta ", "verify ", "read --stack 0 "}) {
     rows.push_back({command + at("text.tbf"), 1, "tarn: No TBF file header found.\n"});
