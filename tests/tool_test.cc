@@ -170,6 +170,7 @@ TEST(TarnTool, CommandsGiveTheirExitCodeOutputAndMessage) {
       {"read " + one + " --stack 0 -o " + one, 1, "tarn: "},
       {"meta " + one + " nope", 1, "tarn: No metadata entry 'nope'.\n"},
       {"verify " + one, 0, ""},
+      {"demo " + at("no/such/dir.tbf"), 1, "tarn: "},
       {"write " + at("abcd.raw") + " --type uint8 --shape 4 " + at("abcd.raw"), 1, "tarn: "},
       // Appending needs an existing file and creates none.
       {"write " + f + " --append --type uint8 --shape 4 " + at("abcd.raw"), 1, "tarn: "},
@@ -421,10 +422,6 @@ TEST(TarnTool, FailedWritesLeaveNoFileThatLooksComplete) {
   EXPECT_EQ(zlib.err, "tarn: Not enough samples written.\n");
   EXPECT_FALSE(std::filesystem::exists(out));
   EXPECT_EQ(directory_entries(dir.path()), (std::vector<std::string>{"good.raw", "in.raw"}));
-
-  const ToolRun threads =
-      tarn("write " + out + " --type uint16 --shape 10 --threads 2 " + (dir / "good.raw").string());
-  EXPECT_EQ(threads.status, 0) << threads.err;
 }
 
 // The columns of a table line: where each cell starts, in characters, cells being separated
@@ -546,13 +543,6 @@ TEST(TarnTool, VerifyPassesIntactFilesAndFailsDamagedOnesWithOneLine) {
     spill(bad, bytes.substr(0, size));
     expect_one_line_failure(tarn("verify " + bad), "truncated to " + std::to_string(size));
   }
-  std::string magic = bytes;
-  magic[3] = 'X';
-  spill(bad, magic);
-  const ToolRun header = tarn("verify " + bad);
-  EXPECT_EQ(header.status, 1);
-  EXPECT_EQ(header.err, "tarn: No TBF file header found.\n");
-  expect_one_line_failure(tarn("verify " + (dir / "missing.tbf").string()), "missing");
 
   // Bytes flipped with a fixed seed: either intact-looking plain data or a one-line failure,
   // never a crash, a hang or a usage error.
@@ -746,15 +736,13 @@ TEST(TarnTool, DemoWritesChecksAndDescribesASampleAcquisition) {
   ASSERT_TRUE(std::filesystem::exists(path));
   EXPECT_EQ(tarn("verify " + path).status, 0);
 
-  const JSON::Value info = info_json(path);
-  ASSERT_EQ(info.at("stacks").size(), 2u);
-  EXPECT_EQ(info.at("stacks")[0].at("type"), JSON::Value("uint16"));
-  EXPECT_EQ(info.at("stacks")[1].at("type"), JSON::Value("single"));
-  EXPECT_FALSE(info.at("description").get_string().empty());
-  EXPECT_FALSE(info.at("metadata_keys").empty());
-
   const auto file = Tarn::open_file(path, Tarn::bf::DiskFile::Mode::read);
+  ASSERT_EQ(file->number_of_stacks(), 2u);
+  EXPECT_EQ(file->stack(1)->type(), Tarn::dt::single);
+  EXPECT_FALSE(file->description().empty());
+  EXPECT_FALSE(file->metadata().empty());
   const auto stack = file->stack(0);
+  EXPECT_EQ(stack->type(), Tarn::dt::uint16);
   EXPECT_EQ(stack->shape(), (std::vector<std::uint64_t>{256, 256, 3, 16}));
   EXPECT_EQ(stack->labels(), (std::vector<std::string>{"x", "y", "c", "z"}));
   EXPECT_EQ(stack->col_labels(2), (std::vector<std::string>{"DAPI", "GFP", "mCherry"}));
@@ -767,9 +755,6 @@ TEST(TarnTool, DemoWritesChecksAndDescribesASampleAcquisition) {
   EXPECT_GT(*low, 70);
   EXPECT_LT(*low, 110);
   EXPECT_GT(*high, 1000);
-
-  expect_one_line_failure(tarn("demo " + (dir / "no" / "such" / "dir.tbf").string()),
-                          "demo into a missing directory");
 }
 
 TEST(TarnTool, TcpPrintsEachAnswerAndStopsAtTheFirstFailure) {
