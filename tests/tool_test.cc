@@ -76,10 +76,13 @@ struct Expected {
 };
 
 void expect_runs(const std::vector<Expected>& rows) {
+  // Commands that wrongly wait for input find none.
+  Tarn::testing::TempDir dir;
+  const std::string empty = (dir / "empty").string();
+  spill(empty, "");
   for (const auto& [arguments, status, text] : rows) {
-    // Commands that wrongly wait for input find none.
     const bool redirected = arguments.find('<') != std::string::npos;
-    const ToolRun run = tarn(arguments + (redirected ? "" : " < /dev/null"));
+    const ToolRun run = tarn(arguments + (redirected ? "" : " < " + empty));
     EXPECT_EQ(run.status, status) << arguments << ": " << run.err;
     if (status == 1) {
       expect_one_line_failure(run, arguments);
