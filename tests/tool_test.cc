@@ -21,6 +21,8 @@
 #include "tarnio/arrays/data_type.h"
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/json/read_write.h"
+#include "tarnio/props/json.h"
+#include "tarnio/props/xml.h"
 #include "tarnio/testing/loopback_server.h"
 #include "tarnio/testing/temp_dir.h"
 #include "tarnio/units/runtime_value.h"
@@ -57,6 +59,44 @@ ToolRun tarn(const std::string& arguments) {
   return shell(std::string(TARN_TOOL_PATH) + " " + arguments);
 }
 
+// A failure as scripts see it: exit status 1 and exactly one line on standard error.
+void expect_one_line_failure(const ToolRun& run, const std::string& context) {
+  EXPECT_EQ(run.status, 1) << context << ": " << run.err;
+  EXPECT_EQ(run.err.rfind("tarn: ", 0), 0u) << context << ": " << run.err;
+  EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << context << ": " << run.err;
+}
+
+// One run of the tool and what it must give: with status 0 its standard output, with status 1
+// its one error line (and no output), with status 2 (usage errors) nothing in particular. A
+// text ending in a line feed is the whole output, any other its start.
+struct Expected {
+  std::string arguments;
+  int status;
+  std::string text;
+};
+
+void expect_runs(const std::vector<Expected>& rows) {
+  // Commands that wrongly wait for input find none.
+  Tarn::testing::TempDir dir;
+  const std::string empty = (dir / "empty").string();
+  spill(empty, "");
+  for (const auto& [arguments, status, text] : rows) {
+    const bool redirected = arguments.find('<') != std::string::npos;
+    const ToolRun run = tarn(arguments + (redirected ? "" : " < " + empty));
+    EXPECT_EQ(run.status, status) << arguments << ": " << run.err;
+    if (status == 1) {
+      expect_one_line_failure(run, arguments);
+      EXPECT_EQ(run.out, "") << arguments;
+    }
+    const std::string& shown = status == 0 ? run.out : run.err;
+    if (text.ends_with('\n')) {
+      EXPECT_EQ(shown, text) << arguments;
+    } else {
+      EXPECT_EQ(shown.rfind(text, 0), 0u) << arguments << ": " << shown;
+    }
+  }
+}
+
 TEST(TarnTool, TypesPrintsAnAlignedTable) {
   const ToolRun run = tarn("types");
   ASSERT_EQ(run.status, 0) << run.err;
@@ -75,131 +115,135 @@ TEST(TarnTool, TypesPrintsAnAlignedTable) {
   EXPECT_GE(rows, 29);
 }
 
-TEST(TarnTool, HelpAndVersionSucceed) {
-  const ToolRun help = tarn("--help");
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("types"), std::string::npos);
-  const ToolRun version = tarn("--version");
-  EXPECT_EQ(version.status, 0);
-  EXPECT_EQ(version.out.rfind("tarn ", 0), 0u) << version.out;
-}
-
-TEST(TarnTool, UsageErrorsExitTwo) {
-  EXPECT_EQ(tarn("").status, 2);
-  EXPECT_EQ(tarn("no-such-command").status, 2);
-  EXPECT_EQ(tarn("types --no-such-option").status, 2);
-}
-
 // A document with a struct, a value array, text, a logical, an empty value and a key that is
 // no member name.
 constexpr const char* kPropsJson =
     R"({"a": [1, 2.5, -3], "b": {"c": "text", "my key": true}, "n": null, "i": )"
     R"({"#type": "int16", "#size": [2, 2], "#data": [1, 2, 3, 4]}})";
 
-TEST(TarnTool, PropsConvertsJsonToXmlAndBack) {
+// Exit codes, outputs and messages of every command, for arguments that need at most a file.
+TEST(TarnTool, CommandsGiveTheirExitCodeOutputAndMessage) {
   Tarn::testing::TempDir dir;
-  spill(dir / "in.json", kPropsJson);
-  const ToolRun json = tarn("props " + (dir / "in.json").string());
-  ASSERT_EQ(json.status, 0) << json.err;
-  EXPECT_EQ(JSON::read(json.out), JSON::read(kPropsJson)) << json.out;
-
-  for (const std::string to : {"xml", "xml:2"}) {
-    const ToolRun xml = tarn("props " + (dir / "in.json").string() + " --to " + to + " -o " +
-                             (dir / "out.xml").string());
-    ASSERT_EQ(xml.status, 0) << xml.err;
-    EXPECT_EQ(xml.out, "");
-    EXPECT_NE(slurp(dir / "out.xml").find("tprop_version=\"1\""), std::string::npos);
-    const ToolRun back = tarn("props " + (dir / "out.xml").string());
-    ASSERT_EQ(back.status, 0) << back.err;
-    EXPECT_EQ(JSON::read(back.out), JSON::read(kPropsJson)) << back.out;
-  }
-  // A byte order mark may lead either form.
-  for (const char* name : {"in.json", "out.xml"}) {
-    spill(dir / "marked", "\xEF\xBB\xBF" + slurp(dir / name));
-    const ToolRun marked = tarn("props " + (dir / "marked").string());
-    ASSERT_EQ(marked.status, 0) << name << ": " << marked.err;
-    EXPECT_EQ(marked.out, json.out) << name;
-  }
-}
-
-TEST(TarnTool, PropsWritesEveryXmlDialectAndReadsItBack) {
-  Tarn::testing::TempDir dir;
-  spill(dir / "in.json", R"({"x": 2.5, "s": "text"})");
-  const std::pair<const char*, const char*> dialects[] = {
-      {"xml:1", "xml_tb_version"}, {"xml:2", "tprop_version"}, {"xml:3", "<LVData"}};
-  for (const auto& [to, marker] : dialects) {
-    const ToolRun xml = tarn("props " + (dir / "in.json").string() + " --to " + to);
-    ASSERT_EQ(xml.status, 0) << to << ": " << xml.err;
-    EXPECT_NE(xml.out.find(marker), std::string::npos) << xml.out;
-    spill(dir / "out.xml", xml.out);
-    const ToolRun x = tarn("props - --get x < " + (dir / "out.xml").string());
-    EXPECT_EQ(x.status, 0) << to << ": " << x.err;
-    EXPECT_EQ(x.out, "2.5\n") << to;
-    const ToolRun s = tarn("props " + (dir / "out.xml").string() + " --get s");
-    EXPECT_EQ(s.out, "text\n") << to << ": " << s.err;
-  }
-}
-
-TEST(TarnTool, PropsGetPrintsScalarsAsTextAndTheRestAsJson) {
-  Tarn::testing::TempDir dir;
-  spill(dir / "in.json", kPropsJson);
-  const std::string in = (dir / "in.json").string();
-  const std::pair<std::string, std::string> texts[] = {
-      {"'a(1)'", "2.5\n"}, {"a/2", "-3\n"}, {"b.c", "text\n"}, {"'i(1,1)'", "4\n"}};
-  for (const auto& [path, text] : texts) {
-    const ToolRun run = tarn("props " + in + " --get " + path);
-    EXPECT_EQ(run.status, 0) << path << ": " << run.err;
-    EXPECT_EQ(run.out, text) << path;
-  }
-  const ToolRun escaped = tarn("props " + in + " --get b._-my-20key");
-  EXPECT_EQ(escaped.out, "1\n") << escaped.err;
-  const ToolRun members = tarn("props - --get b < " + in);
-  ASSERT_EQ(members.status, 0) << members.err;
-  EXPECT_EQ(JSON::read(members.out), JSON::read(R"({"c": "text", "my key": true})"));
-  spill(dir / "array.json", R"({"s": [{"a": 1}, {"a": [true]}]})");
-  const ToolRun element = tarn("props " + (dir / "array.json").string() + " --get 's(1)'");
-  EXPECT_EQ(JSON::read(element.out), JSON::read(R"({"a": [true]})")) << element.err;
-  const ToolRun matrix = tarn("props " + in + " --get i");
-  EXPECT_EQ(JSON::read(matrix.out),
-            JSON::read(R"({"#type": "int16", "#size": [2, 2], "#data": [1, 2, 3, 4]})"));
-}
-
-TEST(TarnTool, PropsFailuresExitOneWithOneLine) {
-  Tarn::testing::TempDir dir;
+  const auto at = [&](const char* name) { return (dir / name).string(); };
   spill(dir / "in.json", kPropsJson);
   spill(dir / "bad.json", R"({"a": [1, 2)");
   spill(dir / "bad.xml", "<root tprop_version=\"2\"><item type=\"double\">1</item></root>");
   spill(dir / "tagged.json", R"({"#type": "uint8", "#data": 256})");
-  const std::pair<std::string, std::string> failures[] = {
-      {"props " + (dir / "missing.json").string(), "tarn: Could not read '"},
-      {"props " + (dir / "bad.json").string(), "tarn: JSON parse error at line 1"},
-      {"props " + (dir / "bad.xml").string(), "tarn: Xml input of newer version than library."},
-      {"props " + (dir / "tagged.json").string(),
-       "tarn: Invalid property JSON at '/#data': Number 256 does not fit 'uint8'."},
-      {"props " + (dir / "in.json").string() + " --get b.zz",
-       "tarn: Invalid property path 'b.zz': Struct member 'zz' does not exist."},
-      {"props " + (dir / "in.json").string() + " -o " + (dir / "no" / "dir.json").string(),
-       "tarn: Could not write '"},
+  spill(dir / "array.json", R"({"s": [{"a": 1}, {"a": [true]}]})");
+  spill(dir / "text.tbf", "not a stack file at all");
+  spill(dir / "abcd.raw", "abcd");
+  spill(dir / "missing.ome.xml",
+        R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">)"
+        R"(<Dataset ID="Dataset:0"><ImageRef ID="Image:3"/></Dataset></OME>)");
+  const std::string in = at("in.json");
+  const std::string one = at("one.tbf");
+  ASSERT_EQ(tarn("write " + one + " --type uint8 --shape 4 " + at("abcd.raw")).status, 0);
+  const std::string f = at("f.tbf");  // never made: every command using it fails first
+  std::vector<Expected> rows = {
+      {"--help", 0, "tarn: read, write"},
+      {"--version", 0, "tarn "},
+      {"props " + in + " --get 'a(1)'", 0, "2.5\n"},
+      {"props " + in + " --get a/2", 0, "-3\n"},
+      {"props " + in + " --get b.c", 0, "text\n"},
+      {"props " + in + " --get 'i(1,1)'", 0, "4\n"},
+      {"props " + in + " --get b._-my-20key", 0, "1\n"},
+      {"props - --get b < " + in, 0, "{\n  \"c\": \"text\",\n  \"my key\": true\n}\n"},
+      {"props " + at("array.json") + " --get 's(1)'", 0, "{\n  \"a\": [\n    true\n  ]\n}\n"},
+      {"props " + in + " --get i", 0,
+       "{\n  \"#type\": \"int16\",\n  \"#size\": [\n    2,\n    2\n  ],"},
+      {"units '1.5 um' --to nm", 0, "1500 nm\n"},
+      {"units '20 °C' --to K", 0, "293.15 K\n"},
+      {"units '1 inch' --to mm", 0, "25.4 mm\n"},
+      {"units '3/s' --to Hz", 0, "3 Hz\n"},
+      {"units '2.5 um'", 0, "2.5 µm\n"},
+      {"props " + at("missing.json"), 1, "tarn: Could not read '"},
+      {"props " + at("bad.json"), 1, "tarn: JSON parse error at line 1"},
+      {"props " + at("bad.xml"), 1, "tarn: Xml input of newer version than library.\n"},
+      {"props " + at("tagged.json"), 1,
+       "tarn: Invalid property JSON at '/#data': Number 256 does not fit 'uint8'.\n"},
+      {"props " + in + " --get b.zz", 1,
+       "tarn: Invalid property path 'b.zz': Struct member 'zz' does not exist.\n"},
+      {"props " + in + " -o " + at("no/dir.json"), 1, "tarn: Could not write '"},
+      {"ome " + at("missing.ome.xml"), 1, "tarn: Incomplete data: missing Image:3.\n"},
+      {"units '1 um' --to s", 1, "tarn: Cannot convert 'µm' to 's': incompatible units.\n"},
+      {"units '1 furlong'", 1, "tarn: Unknown unit 'furlong' at position 3 of '1 furlong'.\n"},
+      {"units '1 m' --to 'm//s'", 1, "tarn: Invalid unit 'm//s' at position 3.\n"},
+      {"read " + one + " --stack 5", 1, "tarn: Invalid stack index '5'.\n"},
+      {"read " + one + " --stack 1 -o " + at("out.raw"), 1, "tarn: Invalid stack index '1'.\n"},
+      {"read " + one + " --stack 0 -o " + one, 1, "tarn: "},
+      {"meta " + one + " nope", 1, "tarn: No metadata entry 'nope'.\n"},
+      {"verify " + one, 0, ""},
+      {"demo " + at("no/such/dir.tbf"), 1, "tarn: "},
+      {"write " + at("abcd.raw") + " --type uint8 --shape 4 " + at("abcd.raw"), 1, "tarn: "},
+      // Appending needs an existing file and creates none.
+      {"write " + f + " --append --type uint8 --shape 4 " + at("abcd.raw"), 1, "tarn: "},
   };
-  for (const auto& [arguments, start] : failures) {
-    const ToolRun run = tarn(arguments);
-    EXPECT_EQ(run.status, 1) << arguments;
-    EXPECT_EQ(run.err.rfind(start, 0), 0u) << arguments << ": " << run.err;
-    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+  // Usage errors exit with 2 and make no file.
+  for (const std::string& arguments :
+       {"props " + in + " --to yaml", "props " + in + " --to xml --get a", "props " + in + " " + in,
+        "ome " + at("missing.ome.xml") + " --to yaml", "compact " + one + " --compression zlib:12",
+        "info " + f + " " + f, "read " + f, "read " + f + " --stack -1", "read " + f + " --stack x",
+        "meta " + f + " a b", "write " + f + " --type uint8 --shape 4"}) {
+    rows.push_back({arguments, 2, ""});
+  }
+  for (const char* arguments :
+       {"", "no-such-command", "types --no-such-option", "props", "units", "info", "meta", "verify",
+        "demo a.tbf b.tbf", "tcp 127.0.0.1 0 x", "read x.tbf --stack 0 --threads 0"}) {
+    rows.push_back({arguments, 2, ""});
+  }
+  for (const char* options :
+       {"--shape 4", "--type uint8", "--type uint12 --shape 4", "--type none --shape 4",
+        "--type cplx_uint8 --shape 4", "--type uint8 --shape 4,x", "--type uint8 --shape 4,-1",
+        "--type uint8 --shape 4 --compression lz4", "--type uint8 --shape 4 --compression zlib:10",
+        "--type uint8 --shape 4 --threads 0",
+        "--type uint8 --shape 4 --append --file-description d"}) {
+    rows.push_back({"write " + f + " " + options + " -", 2, ""});
+  }
+  // A file that is none, and one that is missing, fail alike in every command reading files.
+  for (const std::string command : {"info ", "meta ", "verify ", "read --stack 0 "}) {
+    rows.push_back({command + at("text.tbf"), 1, "tarn: No TBF file header found.\n"});
+    rows.push_back({command + at("none.tbf"), 1, "tarn: "});
+  }
+  expect_runs(rows);
+  EXPECT_FALSE(std::filesystem::exists(f));
+  EXPECT_EQ(slurp(dir / "abcd.raw"), "abcd");
+  // A failed read leaves no output file behind.
+  EXPECT_FALSE(std::filesystem::exists(dir / "out.raw"));
+}
+
+// Each form the tool writes is the library's own text of the document; any of them, also with a
+// byte order mark, from a file or standard input, reads back as the library reads it.
+TEST(TarnTool, PropsWritesEachFormAsTheLibraryAndReadsItBack) {
+  namespace xml_format = Tarn::props::xml_format;
+  Tarn::testing::TempDir dir;
+  spill(dir / "in.json", kPropsJson);
+  const TProp value = tarn_import_json(kPropsJson);
+  const auto line = [](std::string text) { return text.ends_with('\n') ? text : text + '\n'; };
+  const std::string json = line(tarn_export_json(value, 2));
+  const std::pair<const char*, int> forms[] = {{"json", -1},
+                                               {"xml", xml_format::property},
+                                               {"xml:1", xml_format::toolbox},
+                                               {"xml:2", xml_format::property},
+                                               {"xml:3", xml_format::labview}};
+  for (const auto& [to, format] : forms) {
+    const std::string out = (dir / "out").string();
+    const ToolRun run = tarn("props " + (dir / "in.json").string() + " --to " + to + " -o " + out);
+    ASSERT_EQ(run.status, 0) << to << ": " << run.err;
+    EXPECT_EQ(run.out, "");
+    const std::string text = slurp(out);
+    EXPECT_EQ(text, format < 0 ? json : line(tarn_export_xml(value, format))) << to;
+    const std::string back = line(
+        tarn_export_json(format < 0 ? tarn_import_json(text) : tarn_import_xml(text, format), 2));
+    if (format < 0 || format == xml_format::property) {
+      EXPECT_EQ(back, json) << to;
+    }
+    EXPECT_EQ(tarn("props " + out).out, back) << to;
+    spill(out, "\xEF\xBB\xBF" + text);
+    EXPECT_EQ(tarn("props - < " + out).out, back) << to;
   }
 }
 
-TEST(TarnTool, PropsUsageErrorsExitTwo) {
-  Tarn::testing::TempDir dir;
-  spill(dir / "in.json", "1");
-  const std::string in = (dir / "in.json").string();
-  EXPECT_EQ(tarn("props").status, 2);
-  EXPECT_EQ(tarn("props " + in + " --to yaml").status, 2);
-  EXPECT_EQ(tarn("props " + in + " --to xml --get a").status, 2);
-  EXPECT_EQ(tarn("props " + in + " " + in).status, 2);
-}
-
-TEST(TarnTool, OmeConvertsBetweenXmlAndJsonAndReportsBadDocuments) {
+TEST(TarnTool, OmeConvertsBetweenXmlAndJson) {
   Tarn::testing::TempDir dir;
   const std::string sample = (dir / "in.ome.xml").string();
   spill(sample,
@@ -216,37 +260,6 @@ TEST(TarnTool, OmeConvertsBetweenXmlAndJsonAndReportsBadDocuments) {
   const ToolRun again = tarn("ome - --to json < " + (dir / "out.json").string());
   ASSERT_EQ(again.status, 0) << again.err;
   EXPECT_EQ(JSON::read(again.out), tree);
-
-  spill(dir / "missing.xml", R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">)"
-                             R"(<Dataset ID="Dataset:0"><ImageRef ID="Image:3"/></Dataset></OME>)");
-  const ToolRun missing = tarn("ome " + (dir / "missing.xml").string());
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_EQ(missing.err, "tarn: Incomplete data: missing Image:3.\n");
-  EXPECT_EQ(tarn("ome " + sample + " --to yaml").status, 2);
-}
-
-TEST(TarnTool, UnitsConvertsValues) {
-  const std::pair<std::string, std::string> conversions[] = {
-      {"units '1.5 um' --to nm", "1500 nm\n"}, {"units '20 °C' --to K", "293.15 K\n"},
-      {"units '1 inch' --to mm", "25.4 mm\n"}, {"units '3/s' --to Hz", "3 Hz\n"},
-      {"units '2.5 um'", "2.5 µm\n"},
-  };
-  for (const auto& [arguments, out] : conversions) {
-    const ToolRun run = tarn(arguments);
-    EXPECT_EQ(run.status, 0) << arguments << ": " << run.err;
-    EXPECT_EQ(run.out, out) << arguments;
-  }
-  const std::pair<std::string, std::string> failures[] = {
-      {"units '1 um' --to s", "tarn: Cannot convert 'µm' to 's': incompatible units.\n"},
-      {"units '1 furlong'", "tarn: Unknown unit 'furlong' at position 3 of '1 furlong'.\n"},
-      {"units '1 m' --to 'm//s'", "tarn: Invalid unit 'm//s' at position 3.\n"},
-  };
-  for (const auto& [arguments, err] : failures) {
-    const ToolRun run = tarn(arguments);
-    EXPECT_EQ(run.status, 1) << arguments;
-    EXPECT_EQ(run.err, err) << arguments;
-  }
-  EXPECT_EQ(tarn("units").status, 2);
 }
 
 // --- TBF file commands ---
@@ -258,39 +271,11 @@ std::string random_bytes(std::size_t n, std::uint32_t seed) {
   return bytes;
 }
 
-std::string shape_argument(const std::vector<std::uint64_t>& shape) {
-  std::string text;
-  for (const std::uint64_t n : shape) {
-    if (!text.empty()) text += ',';
-    text += std::to_string(n);
-  }
-  return text;
-}
-
-std::uint64_t product(const std::vector<std::uint64_t>& shape) {
-  std::uint64_t n = 1;
-  for (const std::uint64_t size : shape) n *= size;
-  return n;
-}
-
-std::vector<std::uint64_t> uint_list(const JSON::Value& list) {
-  std::vector<std::uint64_t> values;
-  for (const JSON::Value& item : list.items()) values.push_back(item.get_uint64());
-  return values;
-}
-
 JSON::Value info_json(const std::filesystem::path& file) {
   const ToolRun run = tarn("info --json " + file.string());
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err, "");
   return JSON::read(run.out);
-}
-
-// A failure as scripts see it: exit status 1 and exactly one line on standard error.
-void expect_one_line_failure(const ToolRun& run, const std::string& context) {
-  EXPECT_EQ(run.status, 1) << context << ": " << run.err;
-  EXPECT_EQ(run.err.rfind("tarn: ", 0), 0u) << context << ": " << run.err;
-  EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << context << ": " << run.err;
 }
 
 std::vector<std::string> directory_entries(const std::filesystem::path& dir) {
@@ -302,123 +287,96 @@ std::vector<std::string> directory_entries(const std::filesystem::path& dir) {
   return names;
 }
 
-struct RoundTrip {
-  const char* type;
-  std::vector<std::uint64_t> shape;
-  bool from_stdin;
-};
-
-TEST(TarnTool, WriteInfoReadRoundTripsEveryType) {
-  const RoundTrip cases[] = {
-      {"uint8", {7, 3}, false},        {"int8", {1}, true},
-      {"uint16", {5, 4, 3}, true},     {"int16", {2, 3}, false},
-      {"uint32", {1000}, false},       {"int32", {3, 1, 2}, true},
-      {"uint64", {4, 4}, false},       {"int64", {9}, true},
-      {"single", {3, 3, 3, 3}, false}, {"double", {100, 10}, true},
-      {"cplx_single", {10, 2}, false}, {"cplx_double", {6}, true},
-      {"uint16", {2049, 1025}, true},  // more than one transfer block of 4 MiB
+// What the tool writes, appends, reads back and describes is what the library reads from the
+// file.
+TEST(TarnTool, WriteAppendInfoReadRoundTripEveryType) {
+  const struct {
+    const char* type;
+    const char* shape;
+    bool from_stdin;
+  } cases[] = {
+      {"uint8", "7,3", false},        {"int8", "1", true},
+      {"uint16", "5,4,3", true},      {"int16", "2,3", false},
+      {"uint32", "1000", false},      {"int32", "3,1,2", true},
+      {"uint64", "4,4", false},       {"int64", "9", true},
+      {"single", "3,3,3,3", false},   {"double", "100,10", true},
+      {"cplx_single", "10,2", false}, {"cplx_double", "6", true},
+      {"uint16", "2049,1025", true},  // more than one transfer block of 4 MiB
   };
   Tarn::testing::TempDir dir;
-  std::uint32_t seed = 1;
-  for (const RoundTrip& c : cases) {
-    const std::string context = std::string(c.type) + " " + shape_argument(c.shape);
-    const DataType code = tarn_dt_from_name(c.type);
-    const std::string bytes = random_bytes(product(c.shape) * tarn_dt_get_size(code), seed++);
+  const std::string out = (dir / "out.tbf").string();
+  std::size_t index = 0;
+  for (const auto& [type, shape, from_stdin] : cases) {
+    const std::string context = std::to_string(index) + ": " + type + " " + shape;
+    const DataType code = tarn_dt_from_name(type);
+    std::uint64_t samples = 1;
+    for (std::istringstream extents(shape); extents.good(); extents.ignore()) {
+      std::uint64_t extent = 0;
+      extents >> extent;
+      samples *= extent;
+    }
+    const std::string bytes =
+        random_bytes(samples * tarn_dt_get_size(code), static_cast<std::uint32_t>(index));
     spill(dir / "in.raw", bytes);
-    const std::string out = (dir / "out.tbf").string();
-    const std::string input =
-        c.from_stdin ? "- < " + (dir / "in.raw").string() : (dir / "in.raw").string();
-    const ToolRun write =
-        tarn("write " + out + " --type " + c.type + " --shape " + shape_argument(c.shape) +
-             " --name 'stack of " + c.type + "' --description 'random bytes' " +
-             "--file-description 'round trip' " + input);
+    const ToolRun write = tarn(
+        "write " + out + (index == 0 ? " --file-description 'round trip'" : " --append") +
+        " --type " + type + " --shape " + shape + " --name 'stack of " + type +
+        "' --description 'random bytes' " + (from_stdin ? "- < " : "") + (dir / "in.raw").string());
     ASSERT_EQ(write.status, 0) << context << ": " << write.err;
     EXPECT_EQ(write.out + write.err, "") << context;
 
+    const auto file = Tarn::open_file(out, Tarn::bf::DiskFile::Mode::read);
+    const auto stack = file->stack(index);
+    std::string direct(bytes.size(), '\0');
+    stack->read(0, samples, direct.data());
+    EXPECT_TRUE(direct == bytes) << context;
+    EXPECT_EQ(stack->name(), std::string("stack of ") + type);
+    EXPECT_EQ(stack->description(), "random bytes");
+    EXPECT_EQ(stack->type(), code);
+
     const JSON::Value info = info_json(out);
-    EXPECT_EQ(info.at("format_version"), JSON::Value(2)) << context;
+    EXPECT_EQ(info.at("format_version").get_uint64(), file->format_version()) << context;
     EXPECT_EQ(info.at("description"), JSON::Value("round trip")) << context;
-    ASSERT_EQ(info.at("stacks").size(), 1u) << context;
-    const JSON::Value& stack = info.at("stacks")[0];
-    EXPECT_EQ(stack.at("index"), JSON::Value(0));
-    EXPECT_EQ(stack.at("name"), JSON::Value(std::string("stack of ") + c.type));
-    EXPECT_EQ(stack.at("description"), JSON::Value("random bytes"));
-    EXPECT_EQ(stack.at("type"), JSON::Value(c.type));
-    EXPECT_EQ(stack.at("type_code"), JSON::Value(static_cast<std::uint32_t>(code)));
-    EXPECT_EQ(uint_list(stack.at("shape")), c.shape) << context;
-    ASSERT_EQ(stack.at("lengths").size(), c.shape.size());
-    ASSERT_EQ(stack.at("offsets").size(), c.shape.size());
-    for (std::size_t axis = 0; axis < c.shape.size(); ++axis) {
-      EXPECT_EQ(stack.at("lengths")[axis].get_double(), static_cast<double>(c.shape[axis]));
-      EXPECT_EQ(stack.at("offsets")[axis].get_double(), -0.5);
+    ASSERT_EQ(info.at("stacks").size(), index + 1) << context;
+    const JSON::Value& listed = info.at("stacks")[index];
+    const std::pair<const char*, JSON::Value> fields[] = {
+        {"index", JSON::Value(index)},
+        {"name", JSON::Value(stack->name())},
+        {"description", JSON::Value(stack->description())},
+        {"type", JSON::Value(type)},
+        {"type_code", JSON::Value(static_cast<std::uint32_t>(code))},
+        {"compression", JSON::Value("none")},
+        {"compression_level", JSON::Value(0)},
+        {"data_length", JSON::Value(bytes.size())},
+        {"next", JSON::Value(0)}};
+    for (const auto& [key, expected] : fields) EXPECT_EQ(listed.at(key), expected) << key;
+    ASSERT_EQ(listed.at("shape").size(), stack->shape().size()) << context;
+    for (std::size_t axis = 0; axis < stack->shape().size(); ++axis) {
+      EXPECT_EQ(listed.at("shape")[axis].get_uint64(), stack->shape()[axis]) << context;
+      EXPECT_EQ(listed.at("lengths")[axis].get_double(), stack->lengths()[axis]) << context;
+      EXPECT_EQ(listed.at("offsets")[axis].get_double(), stack->offsets()[axis]) << context;
     }
-    EXPECT_EQ(stack.at("compression"), JSON::Value("none"));
-    EXPECT_EQ(stack.at("compression_level"), JSON::Value(0));
-    EXPECT_EQ(stack.at("data_length"), JSON::Value(bytes.size())) << context;
-    EXPECT_EQ(stack.at("next"), JSON::Value(0));
-    // The header, name and description lie between the file header and the data.
-    EXPECT_LE(stack.at("position").get_uint64() + 368 + 2 * 12 + bytes.size(),
+    // Each stack follows the one before; its header, name and description lie before the data.
+    if (index > 0) {
+      EXPECT_EQ(info.at("stacks")[index - 1].at("next"), listed.at("position"));
+    }
+    EXPECT_LE(listed.at("position").get_uint64() + 368 + 2 * 12 + bytes.size(),
               std::filesystem::file_size(out))
         << context;
 
-    const ToolRun read = tarn("read " + out + " --stack 0");
+    // Half of the stacks read to standard output, the other half into a file.
+    const std::string back = (dir / "back.raw").string();
+    const ToolRun read = tarn("read " + out + " --stack " + std::to_string(index++) +
+                              (from_stdin ? "" : " --output " + back));
     ASSERT_EQ(read.status, 0) << context << ": " << read.err;
-    EXPECT_TRUE(read.out == bytes) << context;
-    const ToolRun to_file =
-        tarn("read " + out + " --stack 0 --output " + (dir / "back.raw").string());
-    ASSERT_EQ(to_file.status, 0) << context << ": " << to_file.err;
-    EXPECT_TRUE(slurp(dir / "back.raw") == bytes) << context;
-
-    // The library reads what the tool wrote.
-    const auto file = Tarn::open_file(out, Tarn::bf::DiskFile::Mode::read);
-    std::string direct(bytes.size(), '\0');
-    file->stack(0)->read(0, product(c.shape), direct.data());
-    EXPECT_TRUE(direct == bytes) << context;
+    EXPECT_TRUE((from_stdin ? read.out : slurp(back)) == bytes) << context;
   }
+  const ToolRun verify = tarn("verify " + out);
+  EXPECT_EQ(verify.status, 0) << verify.err;
+  EXPECT_NE(verify.out.find("stack 12 "), std::string::npos) << verify.out;
   // Only the files the test made: no temporary file of the tool is left behind.
   EXPECT_EQ(directory_entries(dir.path()),
             (std::vector<std::string>{"back.raw", "in.raw", "out.tbf"}));
-}
-
-TEST(TarnTool, AppendAddsAStackBehindTheLastOne) {
-  Tarn::testing::TempDir dir;
-  const std::string first = random_bytes(4 * 4 * 2, 7);
-  const std::string second = random_bytes(3 * 2 * 8, 8);
-  spill(dir / "first.raw", first);
-  spill(dir / "second.raw", second);
-  const std::string out = (dir / "a.tbf").string();
-  ASSERT_EQ(tarn("write " + out + " --type uint16 --shape 4,4 --file-description kept " +
-                 (dir / "first.raw").string())
-                .status,
-            0);
-  const ToolRun append = tarn("write " + out + " --append --type double --shape 3,2 --name two " +
-                              (dir / "second.raw").string());
-  ASSERT_EQ(append.status, 0) << append.err;
-
-  const JSON::Value info = info_json(out);
-  EXPECT_EQ(info.at("description"), JSON::Value("kept"));
-  ASSERT_EQ(info.at("stacks").size(), 2u);
-  const JSON::Value& one = info.at("stacks")[0];
-  const JSON::Value& two = info.at("stacks")[1];
-  EXPECT_EQ(one.at("next"), two.at("position"));
-  EXPECT_EQ(two.at("next"), JSON::Value(0));
-  EXPECT_EQ(two.at("index"), JSON::Value(1));
-  EXPECT_EQ(two.at("name"), JSON::Value("two"));
-  EXPECT_EQ(two.at("type"), JSON::Value("double"));
-  EXPECT_TRUE(tarn("read " + out + " --stack 0").out == first);
-  EXPECT_TRUE(tarn("read " + out + " --stack 1").out == second);
-
-  const ToolRun verify = tarn("verify " + out);
-  EXPECT_EQ(verify.status, 0) << verify.err;
-  EXPECT_NE(verify.out.find("stack 0 "), std::string::npos) << verify.out;
-  EXPECT_NE(verify.out.find("stack 1 "), std::string::npos) << verify.out;
-
-  // Appending needs an existing file and creates none.
-  const std::string missing = (dir / "missing.tbf").string();
-  expect_one_line_failure(
-      tarn("write " + missing + " --append --type uint8 --shape 1 " + (dir / "first.raw").string()),
-      "append to a missing file");
-  EXPECT_FALSE(std::filesystem::exists(missing));
 }
 
 TEST(TarnTool, FailedWritesLeaveNoFileThatLooksComplete) {
@@ -465,49 +423,7 @@ TEST(TarnTool, FailedWritesLeaveNoFileThatLooksComplete) {
                             (dir / "in.raw").string());
   EXPECT_EQ(zlib.err, "tarn: Not enough samples written.\n");
   EXPECT_FALSE(std::filesystem::exists(out));
-  const ToolRun same = tarn("write " + (dir / "good.raw").string() + " --type uint16 --shape 10 " +
-                            (dir / "good.raw").string());
-  expect_one_line_failure(same, "input is output");
-  EXPECT_TRUE(slurp(dir / "good.raw") == good);
   EXPECT_EQ(directory_entries(dir.path()), (std::vector<std::string>{"good.raw", "in.raw"}));
-
-  const ToolRun threads =
-      tarn("write " + out + " --type uint16 --shape 10 --threads 2 " + (dir / "good.raw").string());
-  EXPECT_EQ(threads.status, 0) << threads.err;
-}
-
-TEST(TarnTool, MetaListsKeysAndPrintsValuesExactly) {
-  Tarn::testing::TempDir dir;
-  const std::string path = (dir / "meta.tbf").string();
-  const std::string binary("\0\x01\xFF no line end", 16);
-  {
-    const auto file = Tarn::create_file();
-    file->open(path, Tarn::bf::DiskFile::Mode::write);
-    file->set_metadata("alpha", "one\n");
-    file->set_metadata("binary", binary);
-    file->set_metadata("empty", "");
-    file->close();
-  }
-  std::string keys;
-  const auto reopened = Tarn::open_file(path, Tarn::bf::DiskFile::Mode::read);
-  for (const auto& entry : reopened->metadata()) {
-    keys += entry.first + "\n";
-  }
-  EXPECT_NE(keys.find("alpha\nbinary\nempty\n"), std::string::npos) << keys;
-  const ToolRun list = tarn("meta " + path);
-  EXPECT_EQ(list.status, 0) << list.err;
-  EXPECT_EQ(list.out, keys);
-  const std::pair<std::string, std::string> values[] = {
-      {"alpha", "one\n"}, {"binary", binary}, {"empty", ""}};
-  for (const auto& [key, value] : values) {
-    const ToolRun run = tarn("meta " + path + " " + key);
-    EXPECT_EQ(run.status, 0) << key << ": " << run.err;
-    EXPECT_TRUE(run.out == value) << key;
-  }
-  const ToolRun unknown = tarn("meta " + path + " nope");
-  EXPECT_EQ(unknown.status, 1);
-  EXPECT_EQ(unknown.err, "tarn: No metadata entry 'nope'.\n");
-  EXPECT_EQ(unknown.out, "");
 }
 
 // The columns of a table line: where each cell starts, in characters, cells being separated
@@ -525,14 +441,18 @@ std::vector<std::size_t> cell_starts(const std::string& line) {
   return starts;
 }
 
-TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
+// The table and the JSON form of info, and the metadata entries, of a file the library wrote.
+TEST(TarnTool, InfoAndMetaShowWhatTheLibraryWroteExactly) {
   Tarn::testing::TempDir dir;
   const std::string path = (dir / "table.tbf").string();
+  const std::string binary("\0\x01\xFF no line end", 16);
+  const std::pair<std::string, std::string> metadata[] = {
+      {"alpha", "one\n"}, {"binary", binary}, {"empty", ""}};
   {
     const auto file = Tarn::create_file();
     file->open(path, Tarn::bf::DiskFile::Mode::write);
     file->set_description("cells\nday 2");
-    file->set_metadata("k", "v");
+    for (const auto& [key, value] : metadata) file->set_metadata(key, value);
     const std::string names[] = {"short", "Länge in µm", "two\nlines\xFF"};
     const DataType types[] = {Tarn::dt::uint8, Tarn::dt::double_, Tarn::dt::uint16};
     for (std::size_t i = 0; i < 3; ++i) {
@@ -558,7 +478,7 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
   ASSERT_GE(rows.size(), 9u) << run.out;
   EXPECT_EQ(rows[0], "description     cells\\nday 2");
   EXPECT_EQ(rows[1], "format version  2");
-  EXPECT_NE(rows[2].find("k"), std::string::npos);
+  EXPECT_NE(rows[2].find("alpha"), std::string::npos);
   EXPECT_EQ(rows[3], "stacks          3");
   const std::size_t header = 5;
   ASSERT_EQ(rows[header].rfind("index", 0), 0u) << run.out;
@@ -581,6 +501,20 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
   EXPECT_EQ(JSON::write(info.at("stacks")[1].at("labels")), R"(["x","","t"])");
   EXPECT_EQ(JSON::write(info.at("stacks")[1].at("units")), R"(["0.5 µm",null,"2 s"])");
   EXPECT_EQ(JSON::write(info.at("stacks")[0].at("units")), "[null,null,null]");
+
+  // meta lists the keys as the library reads them and prints each value byte for byte.
+  std::string keys;
+  const auto file = Tarn::open_file(path, Tarn::bf::DiskFile::Mode::read);
+  for (const auto& entry : file->metadata()) {
+    keys += entry.first + "\n";
+  }
+  EXPECT_NE(keys.find("alpha\nbinary\nempty\n"), std::string::npos) << keys;
+  EXPECT_EQ(tarn("meta " + path).out, keys);
+  for (const auto& [key, value] : metadata) {
+    const ToolRun shown = tarn("meta " + path + " " + key);
+    EXPECT_EQ(shown.status, 0) << key << ": " << shown.err;
+    EXPECT_TRUE(shown.out == value) << key;
+  }
 }
 
 TEST(TarnTool, VerifyPassesIntactFilesAndFailsDamagedOnesWithOneLine) {
@@ -611,13 +545,6 @@ TEST(TarnTool, VerifyPassesIntactFilesAndFailsDamagedOnesWithOneLine) {
     spill(bad, bytes.substr(0, size));
     expect_one_line_failure(tarn("verify " + bad), "truncated to " + std::to_string(size));
   }
-  std::string magic = bytes;
-  magic[3] = 'X';
-  spill(bad, magic);
-  const ToolRun header = tarn("verify " + bad);
-  EXPECT_EQ(header.status, 1);
-  EXPECT_EQ(header.err, "tarn: No TBF file header found.\n");
-  expect_one_line_failure(tarn("verify " + (dir / "missing.tbf").string()), "missing");
 
   // Bytes flipped with a fixed seed: either intact-looking plain data or a one-line failure,
   // never a crash, a hang or a usage error.
@@ -647,34 +574,11 @@ std::string camera_bytes(std::size_t samples, std::uint32_t seed) {
   return bytes;
 }
 
-TEST(TarnTool, CompressedStacksWriteReadAndVerify) {
+// Plain and compressed stacks written in parallel read back whole and by region; verify passes
+// them and finds a flipped byte in the compressed data.
+TEST(TarnTool, StacksWrittenPlainAndCompressedReadByRegionAndVerify) {
   Tarn::testing::TempDir dir;
-  const std::string raw = camera_bytes(1500 * 1100, 3);
-  spill(dir / "in.raw", raw);
-  const std::string out = (dir / "zipped.tbf").string();
-  const ToolRun write = tarn("write " + out + " --type uint16 --shape 1500,1100 " +
-                             "--compression zlib:1 --threads 2 " + (dir / "in.raw").string());
-  ASSERT_EQ(write.status, 0) << write.err;
-  const JSON::Value stack = info_json(out).at("stacks").at(0);
-  EXPECT_EQ(stack.at("compression").get_string(), "zlib");
-  EXPECT_EQ(stack.at("compression_level").get_uint64(), 1u);
-  EXPECT_LT(stack.at("stored_ratio").get_double(), 0.6);
-  EXPECT_NE(tarn("info " + out).out.find("zlib:1 ("), std::string::npos);
-
-  ASSERT_EQ(tarn("read " + out + " --stack 0 --output " + (dir / "back.raw").string()).status, 0);
-  EXPECT_EQ(slurp(dir / "back.raw"), raw);
-  EXPECT_EQ(tarn("verify " + out).status, 0);
-
-  // A flipped byte inside the compressed data: verify finds it, in one line.
-  std::string bytes = slurp(out);
-  bytes[bytes.size() / 2] ^= 0x5A;
-  spill(dir / "bad.tbf", bytes);
-  expect_one_line_failure(tarn("verify " + (dir / "bad.tbf").string()), "flipped");
-}
-
-TEST(TarnTool, ReadRegionWritesTheSliceOfPlainAndCompressedStacks) {
-  Tarn::testing::TempDir dir;
-  const std::uint64_t nx = 300, ny = 40, nz = 9;
+  const std::uint64_t nx = 500, ny = 400, nz = 9;
   const std::string raw = camera_bytes(nx * ny * nz, 5);
   spill(dir / "in.raw", raw);
   struct Case {
@@ -686,7 +590,7 @@ TEST(TarnTool, ReadRegionWritesTheSliceOfPlainAndCompressedStacks) {
                                 {":,:,:", {0, 0, 0}, {nx, ny, nz}}};
   for (const std::string compression : {"none", "zlib:1"}) {
     const std::string file = (dir / (compression.substr(0, 4) + ".tbf")).string();
-    ASSERT_EQ(tarn("write " + file + " --type uint16 --shape 300,40,9 --compression " +
+    ASSERT_EQ(tarn("write " + file + " --type uint16 --shape 500,400,9 --threads 2 --compression " +
                    compression + " " + (dir / "in.raw").string())
                   .status,
               0);
@@ -703,10 +607,21 @@ TEST(TarnTool, ReadRegionWritesTheSliceOfPlainAndCompressedStacks) {
       EXPECT_EQ(run.status, 0) << run.err;
       EXPECT_TRUE(run.out == expected) << compression << " " << c.text;
     }
-    for (const std::string outside : {"0:301,:,:", ":,:", "1:2:3,:,:"}) {
+    for (const std::string outside : {"0:501,:,:", ":,:", "1:2:3,:,:"}) {
       expect_one_line_failure(tarn("read " + file + " --stack 0 --region " + outside), outside);
     }
+    EXPECT_EQ(tarn("verify " + file).status, 0);
   }
+  const std::string zipped = (dir / "zlib.tbf").string();
+  const JSON::Value stack = info_json(zipped).at("stacks").at(0);
+  EXPECT_EQ(stack.at("compression").get_string(), "zlib");
+  EXPECT_EQ(stack.at("compression_level").get_uint64(), 1u);
+  EXPECT_LT(stack.at("stored_ratio").get_double(), 0.6);
+  EXPECT_NE(tarn("info " + zipped).out.find("zlib:1 ("), std::string::npos);
+  std::string bytes = slurp(zipped);
+  bytes[bytes.size() / 2] ^= 0x5A;
+  spill(zipped, bytes);
+  expect_one_line_failure(tarn("verify " + zipped), "flipped");
 }
 
 TEST(TarnTool, CommandsThatCompressOrInflateUseEveryHardwareThreadByDefault) {
@@ -717,7 +632,6 @@ TEST(TarnTool, CommandsThatCompressOrInflateUseEveryHardwareThreadByDefault) {
     const ToolRun help = tarn(command + " --help");
     EXPECT_NE(help.out.find(report), std::string::npos) << command << "\n" << help.out;
   }
-  EXPECT_EQ(tarn("read x.tbf --stack 0 --threads 0").status, 2);
 }
 
 TEST(TarnTool, RecoverAndCompactRewriteFiles) {
@@ -758,67 +672,6 @@ TEST(TarnTool, RecoverAndCompactRewriteFiles) {
   EXPECT_EQ(
       directory_entries(dir.path()),
       (std::vector<std::string>{"back.raw", "broken.tbf", "file.tbf", "in.raw", "recovered.tbf"}));
-  EXPECT_EQ(tarn("compact " + file + " --compression zlib:12").status, 2);
-}
-
-TEST(TarnTool, FileCommandFailuresExitOneWithTheLibrarysMessage) {
-  Tarn::testing::TempDir dir;
-  const std::string path = (dir / "one.tbf").string();
-  spill(dir / "in.raw", "abcd");
-  ASSERT_EQ(tarn("write " + path + " --type uint8 --shape 4 " + (dir / "in.raw").string()).status,
-            0);
-  const ToolRun range = tarn("read " + path + " --stack 5");
-  EXPECT_EQ(range.status, 1);
-  EXPECT_EQ(range.err, "tarn: Invalid stack index '5'.\n");
-  EXPECT_EQ(range.out, "");
-  // A failed read leaves no output file behind.
-  const std::string out = (dir / "out.raw").string();
-  EXPECT_EQ(tarn("read " + path + " --stack 1 -o " + out).status, 1);
-  EXPECT_FALSE(std::filesystem::exists(out));
-  const ToolRun self = tarn("read " + path + " --stack 0 -o " + path);
-  expect_one_line_failure(self, "read into the file itself");
-  EXPECT_EQ(tarn("verify " + path).status, 0);
-
-  spill(dir / "text.tbf", "not a stack file at all");
-  for (const std::string command : {"info ", "meta ", "verify ", "read --stack 0 "}) {
-    const ToolRun run = tarn(command + (dir / "text.tbf").string());
-    EXPECT_EQ(run.status, 1) << command;
-    EXPECT_EQ(run.err, "tarn: No TBF file header found.\n") << command;
-    expect_one_line_failure(tarn(command + (dir / "none.tbf").string()), command + "missing");
-  }
-}
-
-TEST(TarnTool, FileCommandUsageErrorsExitTwo) {
-  Tarn::testing::TempDir dir;
-  const std::string f = (dir / "f.tbf").string();
-  const std::string usage[] = {
-      "info",
-      "info " + f + " " + f,
-      "write " + f + " --shape 4 -",
-      "write " + f + " --type uint8 -",
-      "write " + f + " --type uint12 --shape 4 -",
-      "write " + f + " --type none --shape 4 -",
-      "write " + f + " --type cplx_uint8 --shape 4 -",
-      "write " + f + " --type uint8 --shape 4,x -",
-      "write " + f + " --type uint8 --shape 4,-1 -",
-      "write " + f + " --type uint8 --shape 4 --compression lz4 -",
-      "write " + f + " --type uint8 --shape 4 --compression zlib:10 -",
-      "write " + f + " --type uint8 --shape 4 --threads 0 -",
-      "write " + f + " --type uint8 --shape 4 --append --file-description d -",
-      "write " + f + " --type uint8 --shape 4",
-      "read " + f,
-      "read " + f + " --stack -1",
-      "read " + f + " --stack x",
-      "meta",
-      "meta " + f + " a b",
-      "verify",
-      "demo a.tbf b.tbf",
-  };
-  for (const std::string& arguments : usage) {
-    const ToolRun run = tarn(arguments + " < /dev/null");
-    EXPECT_EQ(run.status, 2) << arguments << ": " << run.err;
-  }
-  EXPECT_FALSE(std::filesystem::exists(f));
 }
 
 TEST(TarnTool, ReadIntoAClosedPipeFailsWithoutASignal) {
@@ -885,17 +738,14 @@ TEST(TarnTool, DemoWritesChecksAndDescribesASampleAcquisition) {
   ASSERT_TRUE(std::filesystem::exists(path));
   EXPECT_EQ(tarn("verify " + path).status, 0);
 
-  const JSON::Value info = info_json(path);
-  ASSERT_EQ(info.at("stacks").size(), 2u);
-  EXPECT_EQ(info.at("stacks")[0].at("type"), JSON::Value("uint16"));
-  EXPECT_EQ(uint_list(info.at("stacks")[0].at("shape")),
-            (std::vector<std::uint64_t>{256, 256, 3, 16}));
-  EXPECT_EQ(info.at("stacks")[1].at("type"), JSON::Value("single"));
-  EXPECT_FALSE(info.at("description").get_string().empty());
-  EXPECT_FALSE(info.at("metadata_keys").empty());
-
   const auto file = Tarn::open_file(path, Tarn::bf::DiskFile::Mode::read);
+  ASSERT_EQ(file->number_of_stacks(), 2u);
+  EXPECT_EQ(file->stack(1)->type(), Tarn::dt::single);
+  EXPECT_FALSE(file->description().empty());
+  EXPECT_FALSE(file->metadata().empty());
   const auto stack = file->stack(0);
+  EXPECT_EQ(stack->type(), Tarn::dt::uint16);
+  EXPECT_EQ(stack->shape(), (std::vector<std::uint64_t>{256, 256, 3, 16}));
   EXPECT_EQ(stack->labels(), (std::vector<std::string>{"x", "y", "c", "z"}));
   EXPECT_EQ(stack->col_labels(2), (std::vector<std::string>{"DAPI", "GFP", "mCherry"}));
   EXPECT_EQ(stack->units(0).to_string(), "1 µm");
@@ -907,9 +757,6 @@ TEST(TarnTool, DemoWritesChecksAndDescribesASampleAcquisition) {
   EXPECT_GT(*low, 70);
   EXPECT_LT(*low, 110);
   EXPECT_GT(*high, 1000);
-
-  expect_one_line_failure(tarn("demo " + (dir / "no" / "such" / "dir.tbf").string()),
-                          "demo into a missing directory");
 }
 
 TEST(TarnTool, TcpPrintsEachAnswerAndStopsAtTheFirstFailure) {
@@ -928,7 +775,6 @@ TEST(TarnTool, TcpPrintsEachAnswerAndStopsAtTheFirstFailure) {
   EXPECT_EQ(silent.status, 1);
   EXPECT_EQ(silent.out, "ready\n");
   EXPECT_EQ(silent.err, "tarn: Timed out after 200 ms reading a line.\n");
-  EXPECT_EQ(tarn("tcp 127.0.0.1 0 x").status, 2);
 }
 
 TEST(TarnTool, PackAndUnpackRoundTripATreeBesideOtherStacks) {

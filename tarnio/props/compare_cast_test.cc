@@ -35,6 +35,10 @@ TEST(IsEqual, StrictByDefaultRelaxedOnRequest) {
   TProp bits = doubles({1}, {1});
   bits.get_arr()->set_user_bits(5);
 
+  constexpr CompareTraits kByValue{.numeric_by_value = true};
+  constexpr CompareTraits kSingle{.scalar_equals_single_element = true};
+  constexpr CompareTraits kEmpties{.empty_kinds_equal = true};
+  constexpr CompareTraits kIds{.compare_ids = true};
   struct Case {
     const char* what;
     TProp a, b;
@@ -43,63 +47,25 @@ TEST(IsEqual, StrictByDefaultRelaxedOnRequest) {
     bool when_relaxed;
   };
   const Case cases[] = {
-      {"int vs double", TProp(5), TProp(5.0), false, {.numeric_by_value = true}, true},
-      {"uint8 vs int64",
-       TProp(std::uint8_t{200}),
-       TProp(std::int64_t{200}),
-       false,
-       {.numeric_by_value = true},
-       true},
-      {"large int vs nearest double",
-       TProp(std::int64_t{(1LL << 62) + 1}),
-       TProp(static_cast<double>((1LL << 62) + 1)),
-       false,
-       {.numeric_by_value = true},
-       false},
-      {"complex vs real",
-       TProp(std::complex<double>(2, 0)),
-       TProp(2.0f),
-       false,
-       {.numeric_by_value = true},
-       true},
-      {"logical vs int", TProp(true), TProp(1), false, {.numeric_by_value = true}, true},
+      {"int vs double", TProp(5), TProp(5.0), false, kByValue, true},
+      {"uint8 vs int64", TProp(std::uint8_t{200}), TProp(std::int64_t{200}), false, kByValue, true},
+      {"large int vs nearest double", TProp(std::int64_t{(1LL << 62) + 1}),
+       TProp(static_cast<double>((1LL << 62) + 1)), false, kByValue, false},
+      {"complex vs real", TProp(std::complex<double>(2, 0)), TProp(2.0f), false, kByValue, true},
+      {"logical vs int", TProp(true), TProp(1), false, kByValue, true},
       {"NaN", TProp(nan), TProp(nan), true, {.nan_equal = false}, false},
       {"zero signs", TProp(0.0), TProp(-0.0), true, {}, true},
-      {"scalar vs 1x1",
-       TProp(1.0),
-       doubles({1, 1}, {1}),
-       false,
-       {.scalar_equals_single_element = true},
-       true},
-      {"3 vs 3x1",
-       doubles({3}, {1, 2, 3}),
-       doubles({3, 1}, {1, 2, 3}),
-       false,
-       {.scalar_equals_single_element = true},
-       true},
-      {"3x1 vs 1x3",
-       doubles({3, 1}, {1, 2, 3}),
-       doubles({1, 3}, {1, 2, 3}),
-       false,
-       {.scalar_equals_single_element = true},
-       false},
+      {"scalar vs 1x1", TProp(1.0), doubles({1, 1}, {1}), false, kSingle, true},
+      {"3 vs 3x1", doubles({3}, {1, 2, 3}), doubles({3, 1}, {1, 2, 3}), false, kSingle, true},
+      {"3x1 vs 1x3", doubles({3, 1}, {1, 2, 3}), doubles({1, 3}, {1, 2, 3}), false, kSingle, false},
       {"member order", TProp(ab), TProp(ba), false, {.ignore_member_order = true}, true},
-      {"ids", with_id, TProp(1), true, {.compare_ids = true}, false},
-      {"user bits", bits, doubles({1}, {1}), true, {.compare_ids = true}, false},
-      {"none vs empty", TProp(), TProp(TPropempty{}), false, {.empty_kinds_equal = true}, true},
-      {"empty vs 0x0",
-       TProp(TPropempty{}),
-       doubles({0, 0}, {}),
-       false,
-       {.empty_kinds_equal = true},
-       true},
-      {"text vs number", TProp("1"), TProp(1), false, {.numeric_by_value = true}, false},
-      {"rgb32 vs uint32",
-       TProp::array(dt::rgb32, {1}),
-       TProp::array(dt::uint32, {1}),
-       false,
-       {.numeric_by_value = true},
-       false},
+      {"ids", with_id, TProp(1), true, kIds, false},
+      {"user bits", bits, doubles({1}, {1}), true, kIds, false},
+      {"none vs empty", TProp(), TProp(TPropempty{}), false, kEmpties, true},
+      {"empty vs 0x0", TProp(TPropempty{}), doubles({0, 0}, {}), false, kEmpties, true},
+      {"text vs number", TProp("1"), TProp(1), false, kByValue, false},
+      {"rgb32 vs uint32", TProp::array(dt::rgb32, {1}), TProp::array(dt::uint32, {1}), false,
+       kByValue, false},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(is_equal(c.a, c.b), c.strict) << c.what;

@@ -40,13 +40,6 @@ TEST(XmlEntryPoints, NoVersionFlagLeavesTheMarkerOut) {
   EXPECT_THROW_MESSAGE(tarn_import_xml(xml, xml_format::property), std::runtime_error, kUnknown);
 }
 
-TEST(XmlEntryPoints, NegativeInfinityRoundTrips) {
-  const std::string xml = tarn_export_xml(TProp(-std::numeric_limits<double>::infinity()));
-  EXPECT_NE(xml.find(">-Inf<"), std::string::npos) << xml;
-  const double back = tarn_import_xml(xml).as<double>();
-  EXPECT_TRUE(std::isinf(back) && back < 0);
-}
-
 TEST(XmlEntryPoints, DetectionFollowsTheMarkers) {
   const std::string property = "<root tprop_version=\"1\"><item type=\"int8\">5</item></root>";
   const std::string toolbox = "<root xml_tb_version=\"2.0\" type=\"double\" size=\"1 1\">5</root>";
