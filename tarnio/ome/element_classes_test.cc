@@ -60,7 +60,7 @@ TEST(ElementClassesTest, InstrumentPartsAndSettingsReadChangeAndComeBack) {
   laser.reset_laser_medium();
   pixels.set_physical_size_x(RuntimeValue(65, "nm"));
   pixels.set_type(Pixel_Type::double_complex);
-  channel.set_acquisition_mode(Channel_Acquisition_Mode::STED);
+  channel.set_acquisition_mode(Acquisition_Mode::STED);
   channel.detector_settings().get()->set_binning(Binning::Other);
   root->ome()->images()[0].set_description("changed");
 
@@ -73,7 +73,7 @@ TEST(ElementClassesTest, InstrumentPartsAndSettingsReadChangeAndComeBack) {
   Pixels& pixels_copy = *image.pixels().get();
   EXPECT_DOUBLE_EQ(pixels_copy.physical_size_x()->in("µm").value(), 0.065);
   EXPECT_EQ(pixels_copy.type(), Pixel_Type::double_complex);
-  EXPECT_EQ(pixels_copy.channels()[0].acquisition_mode(), Channel_Acquisition_Mode::STED);
+  EXPECT_EQ(pixels_copy.channels()[0].acquisition_mode(), Acquisition_Mode::STED);
   EXPECT_EQ(pixels_copy.channels()[0].detector_settings().get()->binning(), Binning::Other);
   EXPECT_EQ(image.description(), "changed");
 }

@@ -302,9 +302,10 @@ class Emitter {
     if (!a.value.inline_type) return remember_enum(class_name(a.value.name), a.value);
     const auto known = inline_enums_.find(a.value.keywords);
     if (known != inline_enums_.end()) return known->second;
-    const std::string name = a.name.starts_with(owner) || owner == "OME"
-                                 ? class_name(a.name)
-                                 : owner + "_" + class_name(a.name);
+    // A name of several words stands for itself (Acquisition_Mode), one word takes its owner's
+    // (Laser_Type), and so does a name already taken by other keywords.
+    std::string name = class_name(a.name);
+    if (words(a.name).size() == 1 || enums_.contains(name)) name = owner + "_" + name;
     inline_enums_[a.value.keywords] = name;
     return remember_enum(name, a.value);
   }
