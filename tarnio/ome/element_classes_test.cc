@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -120,6 +121,42 @@ TEST(ElementClassesTest, AnnotationKindsViewTheirItems) {
   XML_Annotation body(xml->ome()->structured_annotations().get()->annotations()[0]);
   EXPECT_EQ(body.namespace_(), "openmicroscopy.org/sample/body/multivalue");
   EXPECT_NE(body.value().get()->xml()->find("<"), std::string::npos);
+}
+
+TEST(ElementClassesTest, ShapeKindsShareTheListOfTheirROI) {
+  Root root;
+  ROI& roi = root.ROIs().append();
+  roi.ID().set_actual(0);
+  auto& shapes = roi.union_().provide().shapes();
+  for (const char* kind : {"Rectangle", "Ellipse", "Label"}) {
+    Shape& shape = shapes.append();
+    shape.ID().set_actual(static_cast<std::int64_t>(shapes.size()));
+    if (shape.kind() != kind) shape.set_kind(kind);  // an item is a Rectangle until named
+  }
+  Rectangle rectangle(shapes[0]);
+  rectangle.set_x(1.5);
+  rectangle.set_y(0);
+  rectangle.set_width(3);
+  rectangle.set_height(2);
+  shapes[0].set_fill_rule(Fill_Rule::NonZero);
+  Ellipse ellipse(shapes[1]);
+  for (auto set :
+       {&Ellipse::set_x, &Ellipse::set_y, &Ellipse::set_radius_x, &Ellipse::set_radius_y}) {
+    (ellipse.*set)(4);
+  }
+  Label label(shapes[2]);
+  label.set_x(0);
+  label.set_y(1);
+  label.set_text("label");
+
+  auto copy = written_and_read(root);
+  auto& read = copy->ROIs()[0].union_().get()->shapes();
+  ASSERT_EQ(read.size(), 3u);
+  EXPECT_EQ(Rectangle(read[0]).width(), 3);
+  EXPECT_EQ(read[0].fill_rule(), Fill_Rule::NonZero);
+  EXPECT_EQ(read[1].kind(), "Ellipse");
+  EXPECT_EQ(Ellipse(read[1]).radius_y(), 4);
+  EXPECT_EQ(Label(read[2]).text(), "label");
 }
 
 TEST(ElementClassesTest, UnknownKeywordsAndMissingMembersAreRefused) {

@@ -494,6 +494,19 @@ class Emitter {
     return out.str();
   }
 
+  // The mixin instance that the class derives from (the hand-written classes alike).
+  std::string mixin_of(const Class_Info& c) const {
+    std::string base = "Element<>";
+    if (!c.group.empty()) {
+      base = "Kind_of<" + c.group + ">";
+    } else if (!c.reference.empty()) {
+      base = reference_type(c.reference);
+    } else if (!c.id_prefix.empty()) {
+      base = "Element_with_ID<" + c.name + ">";
+    }
+    return c.name + "_Members<" + base + ">";
+  }
+
   std::string classes_header() const {
     std::ostringstream out;
     out << "#pragma once\n\n"
@@ -506,15 +519,7 @@ class Emitter {
         << "#include \"tarnio/ome/roi.h\"\n\nnamespace OME {\n\n";
     for (const Class_Info& c : classes_) {
       if (kHandWritten.contains(c.name)) continue;
-      std::string base = "Element<>";
-      if (!c.group.empty()) {
-        base = "Kind_of<" + c.group + ">";
-      } else if (!c.reference.empty()) {
-        base = reference_type(c.reference);
-      } else if (!c.id_prefix.empty()) {
-        base = "Element_with_ID<" + c.name + ">";
-      }
-      const std::string mixin = c.name + "_Members<" + base + ">";
+      const std::string mixin = mixin_of(c);
       out << "class TARNIO_EXPORT " << c.name << " : public " << mixin << " {\n public:\n"
           << "  using " << mixin << "::" << c.name << "_Members;\n";
       if (!c.list_owner.empty()) {
@@ -551,7 +556,9 @@ class Emitter {
           << " == nullptr ? nullptr : &" << owner << "->" << plural(snake(c.schema_name))
           << "();\n}\n\n";
     }
-    out << "}  // namespace OME\n";
+    out << "// Every accessor compiled once, also those that no code of the library calls.\n";
+    for (const Class_Info& c : classes_) out << "template class " << mixin_of(c) << ";\n";
+    out << "\n}  // namespace OME\n";
     return out.str();
   }
 
