@@ -143,7 +143,9 @@ std::string literal(const std::string& text) {
   return quoted + "\"";
 }
 
-enum class Role { text, reference, untyped_reference, annotation_references, element };
+// What a child element becomes in its parent's class: a typed text, a reference (typed or
+// untyped), the AnnotationRef list, or an element object.
+enum class Role { text, reference, annotation_references, element };
 
 struct Class_Info {
   std::string name;
