@@ -5,58 +5,43 @@
 
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
+#include "tarnio/ome/element_members.h"
 #include "tarnio/ome/element_with_id.h"
 
 namespace OME {
 
 class Root;
 
-class TARNIO_EXPORT Objective : public Element_with_ID<Objective> {
+class TARNIO_EXPORT Objective : public Objective_Members<Element_with_ID<Objective>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Objective";
-  using Element_with_ID<Objective>::Element_with_ID;
+  using Objective_Members<Element_with_ID<Objective>>::Objective_Members;
   static JSON::Array_of<Objective>* root_list(Root& root, bool provide);
 };
 
-class TARNIO_EXPORT Detector : public Element_with_ID<Detector> {
+class TARNIO_EXPORT Detector : public Detector_Members<Element_with_ID<Detector>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Detector";
-  using Element_with_ID<Detector>::Element_with_ID;
+  using Detector_Members<Element_with_ID<Detector>>::Detector_Members;
   static JSON::Array_of<Detector>* root_list(Root& root, bool provide);
 };
 
-class TARNIO_EXPORT Filter : public Element_with_ID<Filter> {
+class TARNIO_EXPORT Filter : public Filter_Members<Element_with_ID<Filter>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Filter";
-  using Element_with_ID<Filter>::Element_with_ID;
+  using Filter_Members<Element_with_ID<Filter>>::Filter_Members;
   static JSON::Array_of<Filter>* root_list(Root& root, bool provide);
 };
 
-class TARNIO_EXPORT Light_Source : public Element_with_ID<Light_Source> {
+// Any kind of light source; Laser(light_source) and the other kinds view it with the members
+// of their own element type.
+class TARNIO_EXPORT Light_Source : public Light_Source_Members<Element_with_ID<Light_Source>> {
  public:
-  static constexpr std::string_view kIDPrefix = "LightSource";
-  using Element_with_ID<Light_Source>::Element_with_ID;
+  using Light_Source_Members<Element_with_ID<Light_Source>>::Light_Source_Members;
   static JSON::Array_of<Light_Source>* root_list(Root& root, bool provide);
 };
 
-class TARNIO_EXPORT Instrument : public Element_with_ID<Instrument> {
+class TARNIO_EXPORT Instrument : public Instrument_Members<Element_with_ID<Instrument>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Instrument";
-  using Element_with_ID<Instrument>::Element_with_ID;
+  using Instrument_Members<Element_with_ID<Instrument>>::Instrument_Members;
   static JSON::Array_of<Instrument>* root_list(Root& root, bool provide);
-
-  JSON::Array_of<Objective>& objectives() noexcept { return objectives_; }
-  JSON::Array_of<Detector>& detectors() noexcept { return detectors_; }
-  JSON::Array_of<Filter>& filters() noexcept { return filters_; }
-  JSON::Array_of<Light_Source>& light_sources() noexcept { return light_sources_; }
-
-  void resolve_references() override;
-
- private:
-  JSON::Array_of<Light_Source> light_sources_{*this, "LightSource"};
-  JSON::Array_of<Detector> detectors_{*this, "Detector"};
-  JSON::Array_of<Objective> objectives_{*this, "Objective"};
-  JSON::Array_of<Filter> filters_{*this, "Filter"};
 };
 
 }  // namespace OME

@@ -4,6 +4,7 @@
 
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
+#include "tarnio/ome/element_members.h"
 #include "tarnio/ome/element_with_id.h"
 #include "tarnio/ome/image.h"
 #include "tarnio/ome/reference.h"
@@ -27,26 +28,17 @@ class TARNIO_EXPORT Band : public Element_with_ID<Band> {
   static JSON::Array_of<Band>* root_list(Root& root, bool provide);
 };
 
-class TARNIO_EXPORT Dataset : public Element_with_ID<Dataset> {
+class TARNIO_EXPORT Dataset : public Dataset_Members<Element_with_ID<Dataset>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Dataset";
-  using Element_with_ID<Dataset>::Element_with_ID;
+  using Dataset_Members<Element_with_ID<Dataset>>::Dataset_Members;
   static JSON::Array_of<Dataset>* root_list(Root& root, bool provide);
-
-  JSON::Array_of<Reference<Image>>& image_references() noexcept { return images_; }
-  void resolve_references() override;
-
- private:
-  JSON::Array_of<Reference<Image>> images_{*this, "ImageRef"};
 };
 
-class TARNIO_EXPORT Project : public Element_with_ID<Project> {
+class TARNIO_EXPORT Project : public Project_Members<Element_with_ID<Project>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Project";
-  using Element_with_ID<Project>::Element_with_ID;
+  using Project_Members<Element_with_ID<Project>>::Project_Members;
   static JSON::Array_of<Project>* root_list(Root& root, bool provide);
 
-  JSON::Array_of<Reference<Dataset>>& dataset_references() noexcept { return datasets_; }
   // The project's dyes and bands, the maker's own element types.
   JSON::Array_of<Dye>& dyes() noexcept { return dyes_; }
   JSON::Array_of<Band>& bands() noexcept { return bands_; }
@@ -58,26 +50,14 @@ class TARNIO_EXPORT Project : public Element_with_ID<Project> {
   virtual bool update_2() { return false; }
 
  private:
-  JSON::Array_of<Reference<Dataset>> datasets_{*this, "DatasetRef"};
   JSON::Array_of<Dye> dyes_{*this, "dye"};
   JSON::Array_of<Band> bands_{*this, "band"};
 };
 
-class TARNIO_EXPORT Folder : public Element_with_ID<Folder> {
+class TARNIO_EXPORT Folder : public Folder_Members<Element_with_ID<Folder>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Folder";
-  using Element_with_ID<Folder>::Element_with_ID;
+  using Folder_Members<Element_with_ID<Folder>>::Folder_Members;
   static JSON::Array_of<Folder>* root_list(Root& root, bool provide);
-
-  JSON::Array_of<Reference<Folder>>& folder_references() noexcept { return folders_; }
-  JSON::Array_of<Reference<Image>>& image_references() noexcept { return images_; }
-  JSON::Array_of<Reference<ROI>>& ROI_references() noexcept { return rois_; }
-  void resolve_references() override;
-
- private:
-  JSON::Array_of<Reference<Folder>> folders_{*this, "FolderRef"};
-  JSON::Array_of<Reference<Image>> images_{*this, "ImageRef"};
-  JSON::Array_of<Reference<ROI>> rois_{*this, "ROIRef"};
 };
 
 }  // namespace OME

@@ -103,7 +103,8 @@ class Reference : public Element<> {
       ~Done() { flag = false; }
     } done{resolving_};
     if (referent_ != nullptr) {
-      referent_->resolve_references();
+      // A constant referent is resolved by the walk of its own list.
+      if constexpr (!std::is_const_v<T>) referent_->resolve_references();
       return;
     }
     sync();
@@ -121,8 +122,9 @@ class Reference : public Element<> {
       }
     }
     if (!found) return;
-    referent_ = &(*list)[*found];
-    referent_->resolve_references();
+    Target& target = (*list)[*found];
+    referent_ = &target;
+    target.resolve_references();
   }
 
  private:

@@ -4,22 +4,29 @@
 
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
+#include "tarnio/ome/element_members.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/kind_of.h"
 
 namespace OME {
 
 class Root;
 
-class TARNIO_EXPORT Shape : public Element_with_ID<Shape> {
+// Any kind of shape; Rectangle(shape) and the other kinds view it with the members of their
+// own element type.
+class TARNIO_EXPORT Shape : public Shape_Members<Element_with_ID<Shape>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Shape";
-  using Element_with_ID<Shape>::Element_with_ID;
+  using Shape_Members<Element_with_ID<Shape>>::Shape_Members;
 };
 
-class TARNIO_EXPORT ROI : public Element_with_ID<ROI> {
+class TARNIO_EXPORT Rectangle : public Rectangle_Members<Kind_of<Shape>> {
  public:
-  static constexpr std::string_view kIDPrefix = "ROI";
-  using Element_with_ID<ROI>::Element_with_ID;
+  using Rectangle_Members<Kind_of<Shape>>::Rectangle_Members;
+};
+
+class TARNIO_EXPORT ROI : public ROI_Members<Element_with_ID<ROI>> {
+ public:
+  using ROI_Members<Element_with_ID<ROI>>::ROI_Members;
   static JSON::Array_of<ROI>* root_list(Root& root, bool provide);
 };
 
