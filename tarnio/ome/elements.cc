@@ -109,8 +109,7 @@ void Structured_Annotations::resolve_references() { resolve_all(annotations_); }
 
 void Project::resolve_references() {
   resolve_all(datasets_);
-  resolve_all(dyes_);
-  resolve_all(bands_);
+  resolve_extension();
 }
 
 void Instrument::resolve_references() {
@@ -118,6 +117,7 @@ void Instrument::resolve_references() {
   resolve_all(detectors_);
   resolve_all(objectives_);
   resolve_all(filters_);
+  resolve_extension();
 }
 
 void Image::Pixels::resolve_references() { resolve_all(channels_); }
@@ -128,13 +128,19 @@ void Folder::resolve_references() {
   resolve_all(folders_);
   resolve_all(images_);
   resolve_all(rois_);
+  resolve_extension();
 }
 
 void Image::resolve_references() {
   resolve_all(pixels_);
   resolve_all(instrument_);
   resolve_all(rois_);
+  resolve_extension();
 }
+
+void ROI::resolve_references() { resolve_all(union_); }
+
+void ROI::Union::resolve_references() { resolve_all(shapes_); }
 
 void Image::reset_ID() {
   Element_with_ID<Image>::reset_ID();

@@ -2,14 +2,22 @@
 
 // Images with their pixels, channels and planes.
 
+#include <cstdint>
+#include <optional>
 #include <string_view>
+
+#include <memory>
 
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
+#include "tarnio/ome/abstract_reference.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/extensions/enumerations.h"
 #include "tarnio/ome/instrument.h"
+#include "tarnio/ome/light_path.h"
 #include "tarnio/ome/reference.h"
 #include "tarnio/ome/roi.h"
+#include "tarnio/units/runtime_value.h"
 
 namespace OME {
 
@@ -18,7 +26,42 @@ class Root;
 class TARNIO_EXPORT Channel : public Element_with_ID<Channel> {
  public:
   static constexpr std::string_view kIDPrefix = "Channel";
-  using Element_with_ID<Channel>::Element_with_ID;
+  class Extension;  // tarnio/ome/extensions/channel_extension.h
+
+  Channel(JSON::Proxy& parent, JSON::Value& node);
+  ~Channel() override;
+
+  JSON::One_of<Light_Path>& light_path() noexcept { return light_path_; }
+  Abstract_References& annotation_references() noexcept { return annotation_references_; }
+  // The extension annotation, created with its AnnotationRef when missing.
+  Extension& extension();
+  // Null when there is none; creates nothing.
+  Extension* find_extension();
+
+  // The OME attribute AcquisitionMode, or for "Other" the extension's vendor mode when it
+  // names one; nothing when absent.
+  std::optional<Acquisition_Mode> acquisition_mode();
+  void set_acquisition_mode(Acquisition_Mode mode);
+  void set_signal_level_threshold(double value);
+  void set_interpolation_threshold(double value);
+  void set_RESCUE_significance_level(double value);
+  void set_line_accumulation(std::int64_t value);
+  void set_deactivation_z_component(double value);
+  // The light source of the deactivation light, with its attenuation (a fraction) and
+  // wavelength.
+  void set_deactivation_light_source(const Light_Source& source, double attenuation,
+                                     const Tarn::units::RuntimeValue& wavelength);
+
+  void resolve_references() override;
+  // Carries the values of the older separate line, gating and deactivation annotations into
+  // the extension and removes those annotations; reports whether it changed anything. Throws
+  // std::runtime_error "JSON path '{member}' not found." for a value that lacks a member.
+  bool update_1();
+
+ private:
+  Abstract_References annotation_references_{*this};
+  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  JSON::One_of<Light_Path> light_path_{*this, "LightPath"};
 };
 
 class TARNIO_EXPORT Plane : public Element<> {
@@ -29,8 +72,20 @@ class TARNIO_EXPORT Plane : public Element<> {
 class TARNIO_EXPORT Image : public Element_with_ID<Image> {
  public:
   static constexpr std::string_view kIDPrefix = "Image";
-  using Element_with_ID<Image>::Element_with_ID;
+  class Extension;  // tarnio/ome/extensions/image_extensions.h
+  class Modulo;     // tarnio/ome/extensions/image_extensions.h
+
+  Image(JSON::Proxy& parent, JSON::Value& node);
+  ~Image() override;
   static JSON::Array_of<Image>* root_list(Root& root, bool provide);
+
+  Abstract_References& annotation_references() noexcept { return annotation_references_; }
+  // The extension and the modulo annotation, created with their AnnotationRef when missing.
+  Extension& extension();
+  Modulo& modulo();
+  // Null when there is none; create nothing.
+  Extension* find_extension();
+  Modulo* find_modulo();
 
   class TARNIO_EXPORT Pixels : public Element_with_ID<Pixels> {
    public:
@@ -63,9 +118,15 @@ class TARNIO_EXPORT Image : public Element_with_ID<Image> {
   virtual bool update_2() { return false; }
 
  private:
+  // Resolves the extension annotations; part of resolve_references().
+  void resolve_extension();
+
   JSON::One_of<Reference<Instrument>> instrument_{*this, "InstrumentRef"};
   JSON::One_of<Pixels> pixels_{*this, "Pixels"};
   JSON::Array_of<Reference<ROI>> rois_{*this, "ROIRef"};
+  Abstract_References annotation_references_{*this};
+  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  std::unique_ptr<Reference<Modulo>> modulo_;
 };
 
 }  // namespace OME

@@ -3,9 +3,16 @@
 // Instrument and the components the model looks up by ID: objectives, detectors, filters and
 // light sources.
 
+#include <optional>
+
+#include <memory>
+
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
+#include "tarnio/ome/abstract_reference.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/extensions/enumerations.h"
+#include "tarnio/ome/reference.h"
 
 namespace OME {
 
@@ -14,15 +21,50 @@ class Root;
 class TARNIO_EXPORT Objective : public Element_with_ID<Objective> {
  public:
   static constexpr std::string_view kIDPrefix = "Objective";
-  using Element_with_ID<Objective>::Element_with_ID;
+  class Extension;  // tarnio/ome/extensions/instrument_extensions.h
+
+  Objective(JSON::Proxy& parent, JSON::Value& node);
+  ~Objective() override;
   static JSON::Array_of<Objective>* root_list(Root& root, bool provide);
+
+  Abstract_References& annotation_references() noexcept { return annotation_references_; }
+  // The extension annotation, created with its AnnotationRef when missing.
+  Extension& extension();
+  // Null when there is none; creates nothing.
+  Extension* find_extension();
+
+  void resolve_references() override;
+
+ private:
+  Abstract_References annotation_references_{*this};
+  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
 };
 
 class TARNIO_EXPORT Detector : public Element_with_ID<Detector> {
  public:
   static constexpr std::string_view kIDPrefix = "Detector";
-  using Element_with_ID<Detector>::Element_with_ID;
+  class Extension;  // tarnio/ome/extensions/instrument_extensions.h
+
+  Detector(JSON::Proxy& parent, JSON::Value& node);
+  ~Detector() override;
   static JSON::Array_of<Detector>* root_list(Root& root, bool provide);
+
+  Abstract_References& annotation_references() noexcept { return annotation_references_; }
+  // The extension annotation, created with its AnnotationRef when missing.
+  Extension& extension();
+  // Null when there is none; creates nothing.
+  Extension* find_extension();
+
+  // The OME attribute Type, or for "Other" the extension's vendor kind when it names one;
+  // nothing when absent.
+  std::optional<Detector_Type> type();
+  void set_type(Detector_Type type);
+
+  void resolve_references() override;
+
+ private:
+  Abstract_References annotation_references_{*this};
+  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
 };
 
 class TARNIO_EXPORT Filter : public Element_with_ID<Filter> {
@@ -42,7 +84,10 @@ class TARNIO_EXPORT Light_Source : public Element_with_ID<Light_Source> {
 class TARNIO_EXPORT Instrument : public Element_with_ID<Instrument> {
  public:
   static constexpr std::string_view kIDPrefix = "Instrument";
-  using Element_with_ID<Instrument>::Element_with_ID;
+  class Extension;  // tarnio/ome/extensions/instrument_extensions.h
+
+  Instrument(JSON::Proxy& parent, JSON::Value& node);
+  ~Instrument() override;
   static JSON::Array_of<Instrument>* root_list(Root& root, bool provide);
 
   JSON::Array_of<Objective>& objectives() noexcept { return objectives_; }
@@ -50,9 +95,20 @@ class TARNIO_EXPORT Instrument : public Element_with_ID<Instrument> {
   JSON::Array_of<Filter>& filters() noexcept { return filters_; }
   JSON::Array_of<Light_Source>& light_sources() noexcept { return light_sources_; }
 
+  Abstract_References& annotation_references() noexcept { return annotation_references_; }
+  // The extension annotation, created with its AnnotationRef when missing.
+  Extension& extension();
+  // Null when there is none; creates nothing.
+  Extension* find_extension();
+
   void resolve_references() override;
 
  private:
+  Abstract_References annotation_references_{*this};
+  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  // Resolves the extension annotations; part of resolve_references().
+  void resolve_extension();
+
   JSON::Array_of<Light_Source> light_sources_{*this, "LightSource"};
   JSON::Array_of<Detector> detectors_{*this, "Detector"};
   JSON::Array_of<Objective> objectives_{*this, "Objective"};

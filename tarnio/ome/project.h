@@ -1,9 +1,13 @@
 #pragma once
 
-// Projects, datasets and folders, which group images, and the dyes and bands of a project.
+// Projects, datasets and folders, which group images, and the dyes and bands of a project, the
+// maker's own element types, which a project keeps in its extension.
+
+#include <memory>
 
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
+#include "tarnio/ome/abstract_reference.h"
 #include "tarnio/ome/element_with_id.h"
 #include "tarnio/ome/image.h"
 #include "tarnio/ome/reference.h"
@@ -43,13 +47,19 @@ class TARNIO_EXPORT Dataset : public Element_with_ID<Dataset> {
 class TARNIO_EXPORT Project : public Element_with_ID<Project> {
  public:
   static constexpr std::string_view kIDPrefix = "Project";
-  using Element_with_ID<Project>::Element_with_ID;
+  // Holds the project's dyes and bands; tarnio/ome/extensions/project_extensions.h.
+  class Extension;
+
+  Project(JSON::Proxy& parent, JSON::Value& node);
+  ~Project() override;
   static JSON::Array_of<Project>* root_list(Root& root, bool provide);
 
   JSON::Array_of<Reference<Dataset>>& dataset_references() noexcept { return datasets_; }
-  // The project's dyes and bands, the maker's own element types.
-  JSON::Array_of<Dye>& dyes() noexcept { return dyes_; }
-  JSON::Array_of<Band>& bands() noexcept { return bands_; }
+  Abstract_References& annotation_references() noexcept { return annotation_references_; }
+  // The extension annotation, created with its AnnotationRef when missing.
+  Extension& extension();
+  // Null when there is none; creates nothing.
+  Extension* find_extension();
 
   void resolve_references() override;
   // The project's parts of the document's two-pass update; each reports whether it changed
@@ -58,26 +68,49 @@ class TARNIO_EXPORT Project : public Element_with_ID<Project> {
   virtual bool update_2() { return false; }
 
  private:
+  // Resolves the extension annotations; part of resolve_references().
+  void resolve_extension();
+
   JSON::Array_of<Reference<Dataset>> datasets_{*this, "DatasetRef"};
-  JSON::Array_of<Dye> dyes_{*this, "dye"};
-  JSON::Array_of<Band> bands_{*this, "band"};
+  Abstract_References annotation_references_{*this};
+  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
 };
 
 class TARNIO_EXPORT Folder : public Element_with_ID<Folder> {
  public:
   static constexpr std::string_view kIDPrefix = "Folder";
-  using Element_with_ID<Folder>::Element_with_ID;
+  class Extension;   // tarnio/ome/extensions/project_extensions.h
+  class Processing;  // the extension's record of how the folder's images are processed
+
+  Folder(JSON::Proxy& parent, JSON::Value& node);
+  ~Folder() override;
   static JSON::Array_of<Folder>* root_list(Root& root, bool provide);
 
   JSON::Array_of<Reference<Folder>>& folder_references() noexcept { return folders_; }
   JSON::Array_of<Reference<Image>>& image_references() noexcept { return images_; }
   JSON::Array_of<Reference<ROI>>& ROI_references() noexcept { return rois_; }
+  Abstract_References& annotation_references() noexcept { return annotation_references_; }
+  // The extension annotation, created with its AnnotationRef when missing.
+  Extension& extension();
+  // Null when there is none; creates nothing.
+  Extension* find_extension();
+
+  void set_has_bookmark(bool value);
+  void set_is_overview(bool value);
+  // Removes the grid of the extension's processing record.
+  void reset_processing_grid();
+
   void resolve_references() override;
 
  private:
+  // Resolves the extension annotations; part of resolve_references().
+  void resolve_extension();
+
   JSON::Array_of<Reference<Folder>> folders_{*this, "FolderRef"};
   JSON::Array_of<Reference<Image>> images_{*this, "ImageRef"};
   JSON::Array_of<Reference<ROI>> rois_{*this, "ROIRef"};
+  Abstract_References annotation_references_{*this};
+  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
 };
 
 }  // namespace OME

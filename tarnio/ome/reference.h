@@ -6,7 +6,12 @@
 //
 // A reference may instead mirror an entry of its owner's untyped reference list
 // (Abstract_References, the AnnotationRef list): it is then bound to the first entry whose ID
-// names an element of the root's list of T, and views that entry.
+// names an element of the root's list of T, and views that entry, which it follows by its ID
+// when entries before it are erased.
+//
+// The root's list of T may hold elements of a base of T (the annotation list holds every kind
+// of annotation): an item counts as a T only when its element object is one. Such a T names
+// the item a new referent starts from as T::new_item().
 //
 // Not thread-safe; lives no longer than its root.
 
@@ -53,7 +58,7 @@ class Reference : public Element<> {
   T& get_referent() {
     if (referent_ == nullptr) resolve_references();
     if (referent_ == nullptr) {
-      Target& created = Target::root_list(root(), true)->append();
+      Target& created = append_new(*Target::root_list(root(), true));
       const auto largest = ids().largest(Target::kIDPrefix);
       created.ID().set_actual(largest ? *largest + 1 : 0);
       assign(created);
@@ -102,13 +107,15 @@ class Reference : public Element<> {
       bool& flag;
       ~Done() { flag = false; }
     } done{resolving_};
+    // A constant reference only reads its referent; resolving the referent's own references
+    // is the root's upkeep all the same.
     if (referent_ != nullptr) {
-      referent_->resolve_references();
+      const_cast<Target*>(referent_)->resolve_references();
       return;
     }
     sync();
-    JSON::Array_of<Target>* list = Target::root_list(root(), false);
-    std::optional<std::size_t> found;
+    auto* list = Target::root_list(root(), false);
+    Target* found = nullptr;
     if (const JSON::Value* id = find_member("ID")) {
       found = find(list, *id);
       if (!found) throw Invalid_Argument(fmt::format("Incomplete data: missing {}.", ID_text(*id)));
@@ -121,24 +128,57 @@ class Reference : public Element<> {
       }
     }
     if (!found) return;
-    referent_ = &(*list)[*found];
-    referent_->resolve_references();
+    referent_ = found;
+    found->resolve_references();
   }
 
  private:
-  std::optional<std::size_t> find(JSON::Array_of<Target>* list, const JSON::Value& id) {
-    if (list == nullptr || list->list() == nullptr || !list->list()->is_list()) return {};
-    return ids().find(*list->list(), id);
+  // The element object as a T, or null when the item is of another kind.
+  template <typename Element_Object>
+  static Target* as_target(Element_Object& element) noexcept {
+    if constexpr (std::is_same_v<Element_Object, Target>) {
+      return &element;
+    } else {
+      return dynamic_cast<Target*>(&element);
+    }
   }
 
-  // Follows the mirrored entry to its current place.
+  template <typename List>
+  static Target& append_new(List& list) {
+    if constexpr (requires { Target::new_item(); }) {
+      return *as_target(list.append(Target::new_item()));
+    } else {
+      return list.append();
+    }
+  }
+
+  template <typename List>
+  Target* find(List* list, const JSON::Value& id) {
+    if (list == nullptr || list->list() == nullptr || !list->list()->is_list()) return nullptr;
+    const std::optional<std::size_t> position = ids().find(*list->list(), id);
+    return position ? as_target((*list)[*position]) : nullptr;
+  }
+
+  // Follows the mirrored entry to its current place: its position, or, when entries before it
+  // were erased, the entry that holds the referent's ID.
   void sync() {
     if (mirror_ == nullptr || !position_) return;
-    if (*position_ < mirror_->size()) {
+    const JSON::Value* id = referent_ != nullptr ? referent_->ID().value() : nullptr;
+    const auto holds_referent = [&](std::size_t i) {
+      const JSON::Value* entry_id = (*mirror_)[i].ID();
+      return id == nullptr || (entry_id != nullptr && *entry_id == *id);
+    };
+    if (*position_ < mirror_->size() && holds_referent(*position_)) {
       rebind((*mirror_)[*position_].node());
-    } else {
-      unbind();
+      return;
     }
+    for (std::size_t i = 0; id != nullptr && i < mirror_->size(); ++i) {
+      if (holds_referent(i)) {
+        bind(i);
+        return;
+      }
+    }
+    unbind();
   }
   void bind(std::size_t position) {
     position_ = position;
