@@ -260,9 +260,11 @@ void read_typed_annotation(JSON::Value& item) {
     return;
   }
   const std::string path(typed->annotation_namespace);
-  const std::string_view declaration =
-      element.attribute(typed->namespace_attribute ? "namespace" : "xmlns").value();
-  if (local_name(element.name()) != typed->element || declaration != typed->element_namespace) {
+  const bool in_namespace =
+      element.attribute("xmlns").value() == typed->element_namespace ||
+      (typed->namespace_attribute &&
+       element.attribute("namespace").value() == typed->element_namespace);
+  if (local_name(element.name()) != typed->element || !in_namespace) {
     throw Invalid_Data(fmt::format("Unknown member '{}' in {}.", element.name(), path));
   }
   JSON::Value record = Reader().record(element, *typed->record, path, typed->namespace_attribute);
@@ -281,8 +283,10 @@ const JSON::Value& untyped_annotation(const JSON::Value& item, JSON::Value& scra
     }
     pugi::xml_document document;
     pugi::xml_node element = document.append_child(std::string(typed->element).c_str());
-    element.append_attribute(typed->namespace_attribute ? "namespace" : "xmlns")
-        .set_value(typed->element_namespace.c_str());
+    element.append_attribute("xmlns").set_value(typed->element_namespace.c_str());
+    if (typed->namespace_attribute) {
+      element.append_attribute("namespace").set_value(typed->element_namespace.c_str());
+    }
     write_record(element, records->items()[0], *typed->record, typed->annotation_namespace);
     std::ostringstream out;
     element.print(out, "", pugi::format_raw | pugi::format_no_declaration);

@@ -8,8 +8,8 @@
 // - The JSON member (`member`: "extension", "Value" for the older channel annotations,
 //   "Modulo") is a list with one record; the Value holds one element (`element`: "Extension",
 //   "Lines", "Gating", "Deactivation", "Modulo") in the namespace `element_namespace`,
-//   declared as its default namespace (xmlns), or for the modulo annotation in its
-//   attribute "namespace" as OME's modulo readers expect it.
+//   declared as its default namespace (xmlns). The modulo element names it in its attribute
+//   "namespace" too, where OME's modulo readers look for it; reading takes either.
 // - A scalar member of a record is an attribute of the record's element, converted by its type
 //   (integers and numbers as JSON numbers, booleans as JSON booleans, keywords checked against
 //   their table, units checked by the units library); a member that holds records or texts is
@@ -55,7 +55,7 @@ struct Typed_Annotation {
   std::string_view member;
   std::string_view element;
   std::string element_namespace;
-  bool namespace_attribute = false;  // the element names its namespace in "namespace"
+  bool namespace_attribute = false;  // the element names its namespace in "namespace" too
   const Record_Type* record = nullptr;
 };
 
