@@ -7,7 +7,8 @@
 // A reference may instead mirror an entry of its owner's untyped reference list
 // (Abstract_References, the AnnotationRef list): it is then bound to the first entry whose ID
 // names an element of the root's list of T, and views that entry, which it follows by its ID
-// when entries before it are erased.
+// when entries before it are erased. The cached referent is reached anew through its list on
+// each dereference, so that it views its item also after the list has grown.
 //
 // The root's list of T may hold elements of a base of T (the annotation list holds every kind
 // of annotation): an item counts as a T only when its element object is one. Such a T names
@@ -63,7 +64,7 @@ class Reference : public Element<> {
       created.ID().set_actual(largest ? *largest + 1 : 0);
       assign(created);
     }
-    return *referent_;
+    return *current();
   }
   T& operator*() { return get_referent(); }
   T* operator->() { return &get_referent(); }
@@ -79,6 +80,7 @@ class Reference : public Element<> {
     referent_ = &referent;
     if (const JSON::Value* id = referent.ID().value()) {
       set_member("ID", *id);
+      if (position_) bound_id_ = *id;
     } else {
       erase_member("ID");
     }
@@ -110,7 +112,7 @@ class Reference : public Element<> {
     // A constant reference only reads its referent; resolving the referent's own references
     // is the root's upkeep all the same.
     if (referent_ != nullptr) {
-      const_cast<Target*>(referent_)->resolve_references();
+      const_cast<Target*>(current())->resolve_references();
       return;
     }
     sync();
@@ -155,25 +157,40 @@ class Reference : public Element<> {
   template <typename List>
   Target* find(List* list, const JSON::Value& id) {
     if (list == nullptr || list->list() == nullptr || !list->list()->is_list()) return nullptr;
-    const std::optional<std::size_t> position = ids().find(*list->list(), id);
-    return position ? as_target((*list)[*position]) : nullptr;
+    const auto items = list->list()->items();
+    const JSON::Value* hint_id =
+        referent_position_ < items.size() ? items[referent_position_].find("ID") : nullptr;
+    const std::optional<std::size_t> position =
+        hint_id != nullptr && *hint_id == id ? referent_position_ : ids().find(*list->list(), id);
+    if (!position) return nullptr;
+    referent_position_ = *position;
+    return as_target((*list)[*position]);
+  }
+
+  // The cached referent, reached anew through the root's list: items move when their list
+  // grows, and reaching an item points its element object at the item's current place.
+  T* current() {
+    const JSON::Value* id = ID();
+    if (referent_ == nullptr || id == nullptr) return referent_;
+    const JSON::Value held = *id;
+    if (Target* found = find(Target::root_list(root(), false), held)) referent_ = found;
+    return referent_;
   }
 
   // Follows the mirrored entry to its current place: its position, or, when entries before it
-  // were erased, the entry that holds the referent's ID.
+  // were erased, the entry that holds the bound ID.
   void sync() {
     if (mirror_ == nullptr || !position_) return;
-    const JSON::Value* id = referent_ != nullptr ? referent_->ID().value() : nullptr;
-    const auto holds_referent = [&](std::size_t i) {
+    const auto holds_bound_id = [&](std::size_t i) {
       const JSON::Value* entry_id = (*mirror_)[i].ID();
-      return id == nullptr || (entry_id != nullptr && *entry_id == *id);
+      return bound_id_.is_null() || (entry_id != nullptr && *entry_id == bound_id_);
     };
-    if (*position_ < mirror_->size() && holds_referent(*position_)) {
+    if (*position_ < mirror_->size() && holds_bound_id(*position_)) {
       rebind((*mirror_)[*position_].node());
       return;
     }
-    for (std::size_t i = 0; id != nullptr && i < mirror_->size(); ++i) {
-      if (holds_referent(i)) {
+    for (std::size_t i = 0; !bound_id_.is_null() && i < mirror_->size(); ++i) {
+      if (holds_bound_id(i)) {
         bind(i);
         return;
       }
@@ -183,9 +200,12 @@ class Reference : public Element<> {
   void bind(std::size_t position) {
     position_ = position;
     rebind((*mirror_)[position].node());
+    const JSON::Value* id = find_member("ID");
+    bound_id_ = id == nullptr ? JSON::Value() : *id;
   }
   void unbind() {
     position_.reset();
+    bound_id_ = JSON::Value();
     unbound_ = JSON::Value();
     rebind(unbound_);
   }
@@ -193,8 +213,10 @@ class Reference : public Element<> {
   // What an unbound mirrored reference views: an empty value of its own.
   JSON::Value unbound_;
   T* referent_ = nullptr;
+  std::size_t referent_position_ = 0;  // where the referent was last found in its list
   Abstract_References* mirror_ = nullptr;
   std::optional<std::size_t> position_;  // of the mirrored entry
+  JSON::Value bound_id_;                 // the ID the mirrored entry held when bound
   bool resolving_ = false;
 };
 

@@ -58,7 +58,8 @@ void Channel_Extension_Values::resolve_references() {
   if (Reference<Band>* band = band_.get()) band->resolve_references();
 }
 
-Channel::Channel(JSON::Proxy& parent, JSON::Value& node) : Element_with_ID<Channel>(parent, node),
+Channel::Channel(JSON::Proxy& parent, JSON::Value& node)
+    : Element_with_ID<Channel>(parent, node),
       extension_(std::make_unique<Reference<Extension>>(annotation_references_)) {}
 Channel::~Channel() = default;
 
@@ -107,8 +108,10 @@ bool Channel::update_1() {
       ++i;
       continue;
     }
-    const JSON::Value older_id = *id;  // the list moves when the extension is created
-    carry_over(*older, extension().values());
+    // Creating the extension may move the annotations: the older one is reached anew.
+    const JSON::Value older_id = *id;
+    Extension::Values& values = extension().values();
+    carry_over(*internal::find_annotation(root(), older_id), values);
     // The older annotation goes with its reference unless another element refers to it too.
     annotation_references_.erase(i);
     if (count_ID_holders(document(), older_id) == 1) {

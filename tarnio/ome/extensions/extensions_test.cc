@@ -181,5 +181,227 @@ TEST(ExtensionsTest, EveryExtensionReachesTheXMLInItsNamespaceAndComesBackEqual)
   EXPECT_NE(dynamic_cast<Rectangle&>(shapes[0]).find_extension(), nullptr);
 }
 
+// A channel of one image with the given annotations, read from OME-XML.
+std::string channel_document(std::string_view references, std::string_view annotations) {
+  return fmt::format(R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">
+    <Image ID="Image:0"><Pixels ID="Pixels:0" DimensionOrder="XYZCT" Type="uint8" SizeX="1"
+      SizeY="1" SizeZ="1" SizeC="1" SizeT="1"><Channel ID="Channel:0">{}</Channel>
+      <MetadataOnly/></Pixels></Image>
+    <StructuredAnnotations>{}</StructuredAnnotations></OME>)",
+                     references, annotations);
+}
+
+std::string xml_annotation(int id, std::string_view path, std::string_view element) {
+  const std::string ns = vendor_namespace(path);
+  return fmt::format(R"(<XMLAnnotation ID="Annotation:{}" Namespace="{}"><Value>{}</Value>
+                        </XMLAnnotation>)",
+                     id, ns, fmt::format(fmt::runtime(element), ns));
+}
+
+const JSON::Value& extension_values(Root& root) {
+  Channel& channel = root.images()[0].pixels().get()->channels()[0];
+  return channel.find_extension()->find_values()->node();
+}
+
+TEST(ExtensionsTest, UpdateCarriesTheOlderChannelAnnotationsIntoTheExtension) {
+  const std::string kept = channel_document(
+      R"(<AnnotationRef ID="Annotation:0"/>)",
+      xml_annotation(0, Channel::Extension::kPath, R"(<Extension xmlns="{}" color_map="white">
+        <deactivation wavelength="775" wavelength_unit="nm" z_component="0.5">
+          <LightSourceSettings Attenuation="0.25" Wavelength="775" WavelengthUnit="nm"/>
+        </deactivation><gating delay="1" width="5" delay_unit="ns" width_unit="ns"/>
+        <line accumulation="3"/></Extension>)"));
+  const std::string separate = channel_document(
+      R"(<AnnotationRef ID="Annotation:1"/><AnnotationRef ID="Annotation:0"/>
+         <AnnotationRef ID="Annotation:2"/><AnnotationRef ID="Annotation:3"/>)",
+      xml_annotation(0, Channel::Extension::kPath, R"(<Extension xmlns="{}" color_map="white"/>)") +
+          xml_annotation(1, Channel::Extension::kDeactivationPath,
+                         R"(<Deactivation xmlns="{}" wavelength="775" wavelength_unit="nm"
+               z_component="0.5"><LightSourceSettings Attenuation="0.25" Wavelength="775"
+               WavelengthUnit="nm"/></Deactivation>)") +
+          xml_annotation(2, Channel::Extension::kGatingPath,
+                         R"(<Gating xmlns="{}" delay="1" width="5" delay_unit="ns"
+                                    width_unit="ns"/>)") +
+          xml_annotation(3, Channel::Extension::kLinesPath,
+                         R"(<Lines xmlns="{}" accumulation="3"/>)"));
+  Root expected;
+  expected.read_XML(kept);
+  Root updated;
+  updated.read_XML(separate);
+  updated.update();
+  EXPECT_EQ(extension_values(updated), extension_values(expected));
+  // The older annotations are gone with their references; a second update changes nothing.
+  EXPECT_EQ(updated.annotations().size(), 1u);
+  EXPECT_EQ(updated.node().at_path("OME[0].Image[0].Pixels[0].Channel[0].AnnotationRef"),
+            JSON::read(R"([{"ID": "Annotation:0"}])"));
+  const JSON::Value once = updated.node();
+  updated.update();
+  EXPECT_EQ(updated.node(), once);
+
+  Root incomplete;
+  incomplete.read_XML(channel_document(
+      R"(<AnnotationRef ID="Annotation:1"/>)",
+      xml_annotation(1, Channel::Extension::kDeactivationPath,
+                     R"(<Deactivation xmlns="{}" wavelength="775" wavelength_unit="nm"/>)")));
+  EXPECT_THROW_MESSAGE(incomplete.update(), std::runtime_error,
+                       "JSON path 'z_component' not found.");
+}
+
+TEST(ExtensionsTest, SettersWriteIntoTheExtensionCreatedOnFirstUse) {
+  Root root;
+  Image& image = root.images().append();
+  image.ID().set_actual(0);
+  Channel& channel = image.pixels().provide().channels().append();
+  const JSON::Value before = root.node();
+  EXPECT_EQ(channel.find_extension(), nullptr);  // the find form creates nothing
+  EXPECT_EQ(channel.acquisition_mode(), std::nullopt);
+  EXPECT_EQ(root.node(), before);
+
+  channel.set_acquisition_mode(Acquisition_Mode::STED_Probing_with_STED_Probing);
+  channel.set_signal_level_threshold(3);
+  channel.set_interpolation_threshold(0.5);
+  channel.set_RESCUE_significance_level(0.05);
+  channel.set_line_accumulation(2);
+  channel.set_deactivation_z_component(0.25);
+  Light_Source& laser = root.provide_light_sources().append();
+  laser.ID().set_actual(4);
+  channel.set_deactivation_light_source(laser, 0.5, Tarn::units::RuntimeValue(775, "nm"));
+  EXPECT_EQ(channel.acquisition_mode(), Acquisition_Mode::STED_Probing_with_STED_Probing);
+  EXPECT_EQ(channel.node().at("AcquisitionMode"), JSON::Value("Other"));
+  EXPECT_EQ(root.annotations()[0].node(),
+            JSON::read(fmt::format(R"({{"Namespace": "{}",
+    "#kind": "XMLAnnotation", "ID": "Annotation:0", "extension": [{{
+    "other_acquisition_mode": "STED_Probing_with_STED_Probing",
+    "RESCUE": [{{"signal_level_threshold": 3, "interpolation_threshold": 0.5,
+                 "significance_level": 0.05}}],
+    "line": [{{"accumulation": 2}}],
+    "deactivation": [{{"z_component": 0.25, "LightSourceSettings": [{{"ID": "LightSource:4",
+      "Attenuation": 0.5, "Wavelength": 775, "WavelengthUnit": "nm"}}]}}]}}]}})",
+                                   vendor_namespace(Channel::Extension::kPath))));
+  channel.set_acquisition_mode(Acquisition_Mode::STED);  // an OME mode needs no extension
+  EXPECT_EQ(channel.node().at("AcquisitionMode"), JSON::Value("STED"));
+  EXPECT_EQ(channel.find_extension()->find_values()->value("other_acquisition_mode"), nullptr);
+
+  Detector& detector = root.provide_detectors().append();
+  detector.set_type(Detector_Type::Hybrid_PMT);
+  EXPECT_EQ(detector.type(), Detector_Type::Hybrid_PMT);
+  detector.set_type(Detector_Type::EMCCD);
+  EXPECT_EQ(detector.type(), Detector_Type::EMCCD);
+
+  Folder& folder = root.folders().append();
+  folder.set_has_bookmark(true);
+  folder.set_is_overview(false);
+  folder.extension().values().processing().provide().grid().provide().set_value("rows", 2);
+  folder.reset_processing_grid();
+  EXPECT_EQ(folder.find_extension()->find_values()->node(),
+            JSON::read(R"({"has_bookmark": true, "is_overview": false, "Processing": [{}]})"));
+  Light_Path& path = channel.light_path().provide();
+  path.set_primary_spherical_aberration(0.1);
+  path.set_primary_spherical_aberration_slope_z(-0.01);
+  EXPECT_EQ(path.find_extension()->find_values()->node(),
+            JSON::read(R"({"aberrations": [{"primary_spherical": 0.1,
+                                            "primary_spherical_slope_z": -0.01}]})"));
+
+  // Dyes and bands live in the first project's extension.
+  Dye& dye = root.provide_dyes().append();
+  dye.ID().set_actual(0);
+  channel.extension().values().dye_reference().provide().assign(dye);
+  EXPECT_EQ(&root.find_dye("Dye:0"), &dye);
+  EXPECT_EQ(root.node().at_path("OME[0].Project[0].AnnotationRef[0].ID"),
+            root.first_project()->find_extension()->node().at("ID"));
+
+  Root back;
+  back.read_XML(root.XML());
+  EXPECT_EQ(back.node().at_path("OME[0].StructuredAnnotations"),
+            root.node().at_path("OME[0].StructuredAnnotations"));
+  EXPECT_EQ(back.images()[0].pixels().get()->channels()[0].acquisition_mode(),
+            Acquisition_Mode::STED);
+}
+
+TEST(ExtensionsTest, KeywordTablesAppendTheVendorKindsToOMEs) {
+  const auto ome_keywords = [](std::string_view element, std::string_view attribute) {
+    const internal::Element_Type* type = internal::find_element_type(element, attribute);
+    for (const auto& a : type->attributes) {
+      if (a.name == attribute)
+        return std::vector<std::string_view>(a.value.keywords.begin(), a.value.keywords.end());
+    }
+    return std::vector<std::string_view>();
+  };
+  const auto check = [](std::vector<std::string_view> table, std::vector<std::string_view> ome,
+                        std::vector<std::string_view> vendor) {
+    ome.insert(ome.end(), vendor.begin(), vendor.end());
+    EXPECT_EQ(table, ome);
+  };
+  check(acquisition_mode_table().keywords(), ome_keywords("Channel", "AcquisitionMode"),
+        {"Confocal_RESCUE", "STED_RESCUE", "Confocal_Probing", "STED_Probing",
+         "STED_with_Confocal_Probing", "STED_with_STED_Probing",
+         "STED_RESCUE_with_Confocal_Probing", "STED_RESCUE_with_STED_Probing",
+         "STED_Probing_with_Confocal_Probing", "STED_Probing_with_STED_Probing"});
+  check(detector_type_table().keywords(), ome_keywords("Detector", "Type"),
+        {"Hybrid_PMT", "SPAD_Array"});
+  EXPECT_EQ(acquisition_mode_table().keyword(kFirstVendorAcquisitionMode), "Confocal_RESCUE");
+  EXPECT_EQ(scan_curve_table().keywords(), (std::vector<std::string_view>{"linear", "sinusoidal"}));
+  EXPECT_EQ(scan_direction_table().keywords(),
+            (std::vector<std::string_view>{"unidirectional", "bidirectional"}));
+  for (std::string_view colour : {"white", "yellow", "magenta", "orange", "unknown"}) {
+    EXPECT_TRUE(color_map_table().find(colour)) << colour;
+  }
+}
+
+TEST(ExtensionsTest, BadExtensionsAreRefusedWithTheirReason) {
+  const std::string channel_ns = vendor_namespace(Channel::Extension::kPath);
+  const struct {
+    std::string annotation;
+    std::string message;
+  } cases[] = {
+      {xml_annotation(0, Channel::Extension::kPath, R"(<Extension xmlns="{}" bogus="1"/>)"),
+       fmt::format("Unknown member 'bogus' in {}.", channel_ns)},
+      {xml_annotation(0, Channel::Extension::kPath,
+                      R"(<Extension xmlns="{}"><line accumulation="2.5"/></Extension>)"),
+       fmt::format("Invalid integer '2.5' in {}.line.accumulation.", channel_ns)},
+      {xml_annotation(
+           0, Channel::Extension::kPath,
+           R"(<Extension xmlns="{}"><gating delay_unit="parsec/fortnight!"/></Extension>)"),
+       fmt::format("Invalid unit 'parsec/fortnight!' in {}.gating.delay_unit.", channel_ns)},
+      {xml_annotation(0, Channel::Extension::kPath, R"(<Extension xmlns="{}" color_map="puce"/>)"),
+       fmt::format("Invalid keyword 'puce' in {}.color_map.", channel_ns)},
+      {xml_annotation(0, Channel::Extension::kPath, R"(<Extension xmlns="urn:other"/>)"),
+       fmt::format("Unknown member 'Extension' in {}.", channel_ns)},
+  };
+  for (const auto& c : cases) {
+    EXPECT_THROW_MESSAGE(read_OME_XML(channel_document("", c.annotation)), Invalid_Data, c.message);
+  }
+  Root root;
+  root.read_XML(channel_document("", ""));
+  root.annotations().append(JSON::read(fmt::format(
+      R"({{"ID": "Annotation:0", "Namespace": "{}", "extension": [{{"line": 3}}]}})", channel_ns)));
+  EXPECT_THROW_MESSAGE(
+      root.XML(), Invalid_Data,
+      fmt::format("JSON value cannot be written as OME-XML: {}.line is not a list.", channel_ns));
+  // An element naming an annotation that the document lacks.
+  EXPECT_THROW_MESSAGE(root.read_XML(channel_document(R"(<AnnotationRef ID="Annotation:9"/>)", "")),
+                       Invalid_Argument, "Incomplete data: missing Annotation:9.");
+}
+
+TEST(ExtensionsTest, ModuloIsFoundInTheFormOtherSoftwareWrites) {
+  Root root;
+  root.read_XML(R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">
+    <Image ID="Image:0"><Pixels ID="Pixels:0" DimensionOrder="XYZCT" Type="uint16" SizeX="1"
+      SizeY="1" SizeZ="1" SizeC="1" SizeT="16"><MetadataOnly/></Pixels>
+      <AnnotationRef ID="Annotation:0"/></Image>
+    <StructuredAnnotations><XMLAnnotation ID="Annotation:0"
+      Namespace="openmicroscopy.org/omero/dimension/modulo"><Value>
+      <Modulo namespace="http://www.openmicroscopy.org/Schemas/Additions/2011-09">
+        <ModuloAlongT Type="lifetime" Unit="ps" Start="0" Step="500" End="7500"/>
+      </Modulo></Value></XMLAnnotation></StructuredAnnotations></OME>)");
+  Image::Modulo* modulo = root.images()[0].find_modulo();
+  ASSERT_NE(modulo, nullptr);
+  EXPECT_EQ(modulo->find_values()->along_T().get()->node(),
+            JSON::read(R"({"Type": "lifetime", "Unit": "ps", "Start": 0, "Step": 500,
+                           "End": 7500})"));
+  EXPECT_EQ(modulo->find_values()->along_Z().get(), nullptr);
+  EXPECT_EQ(root.images()[0].find_extension(), nullptr);
+}
+
 }  // namespace
 }  // namespace OME

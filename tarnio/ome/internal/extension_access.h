@@ -24,10 +24,11 @@ Annotation* find_annotation(Root& root, const JSON::Value& id);
 // annotation of the root carries.
 void check_annotation_references(Abstract_References& references);
 
+// The extension, reached through its current place; null when there is none.
 template <typename E>
 E* find_extension(Reference<E>& reference) {
   if (reference.referent() == nullptr) reference.resolve_references();
-  return reference.referent();
+  return reference.referent() == nullptr ? nullptr : &reference.get_referent();
 }
 
 template <typename E>
