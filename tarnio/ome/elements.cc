@@ -109,7 +109,7 @@ void Structured_Annotations::resolve_references() { resolve_all(annotations_); }
 
 void Project::resolve_references() {
   resolve_all(datasets_);
-  resolve_extension();
+  extension_.resolve_references();
 }
 
 void Instrument::resolve_references() {
@@ -117,7 +117,7 @@ void Instrument::resolve_references() {
   resolve_all(detectors_);
   resolve_all(objectives_);
   resolve_all(filters_);
-  resolve_extension();
+  extension_.resolve_references();
 }
 
 void Image::Pixels::resolve_references() { resolve_all(channels_); }
@@ -128,14 +128,15 @@ void Folder::resolve_references() {
   resolve_all(folders_);
   resolve_all(images_);
   resolve_all(rois_);
-  resolve_extension();
+  extension_.resolve_references();
 }
 
 void Image::resolve_references() {
   resolve_all(pixels_);
   resolve_all(instrument_);
   resolve_all(rois_);
-  resolve_extension();
+  extension_.resolve_references();
+  modulo_.resolve_references();
 }
 
 void ROI::resolve_references() { resolve_all(union_); }

@@ -6,12 +6,11 @@
 #include <optional>
 #include <string_view>
 
-#include <memory>
-
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
 #include "tarnio/ome/abstract_reference.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/extension_link.h"
 #include "tarnio/ome/extensions/enumerations.h"
 #include "tarnio/ome/instrument.h"
 #include "tarnio/ome/light_path.h"
@@ -28,14 +27,11 @@ class TARNIO_EXPORT Channel : public Element_with_ID<Channel> {
   static constexpr std::string_view kIDPrefix = "Channel";
   class Extension;  // tarnio/ome/extensions/channel_extension.h
 
-  Channel(JSON::Proxy& parent, JSON::Value& node);
-  ~Channel() override;
+  using Element_with_ID<Channel>::Element_with_ID;
 
   JSON::One_of<Light_Path>& light_path() noexcept { return light_path_; }
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension annotation, created with its AnnotationRef when missing.
   Extension& extension();
-  // Null when there is none; creates nothing.
   Extension* find_extension();
 
   // The OME attribute AcquisitionMode, or for "Other" the extension's vendor mode when it
@@ -60,7 +56,7 @@ class TARNIO_EXPORT Channel : public Element_with_ID<Channel> {
 
  private:
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  Extension_Link<Extension> extension_{annotation_references_};
   JSON::One_of<Light_Path> light_path_{*this, "LightPath"};
 };
 
@@ -75,16 +71,13 @@ class TARNIO_EXPORT Image : public Element_with_ID<Image> {
   class Extension;  // tarnio/ome/extensions/image_extensions.h
   class Modulo;     // tarnio/ome/extensions/image_extensions.h
 
-  Image(JSON::Proxy& parent, JSON::Value& node);
-  ~Image() override;
+  using Element_with_ID<Image>::Element_with_ID;
   static JSON::Array_of<Image>* root_list(Root& root, bool provide);
 
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension and the modulo annotation, created with their AnnotationRef when missing.
   Extension& extension();
-  Modulo& modulo();
-  // Null when there is none; create nothing.
   Extension* find_extension();
+  Modulo& modulo();
   Modulo* find_modulo();
 
   class TARNIO_EXPORT Pixels : public Element_with_ID<Pixels> {
@@ -118,15 +111,12 @@ class TARNIO_EXPORT Image : public Element_with_ID<Image> {
   virtual bool update_2() { return false; }
 
  private:
-  // Resolves the extension annotations; part of resolve_references().
-  void resolve_extension();
-
   JSON::One_of<Reference<Instrument>> instrument_{*this, "InstrumentRef"};
   JSON::One_of<Pixels> pixels_{*this, "Pixels"};
   JSON::Array_of<Reference<ROI>> rois_{*this, "ROIRef"};
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
-  std::unique_ptr<Reference<Modulo>> modulo_;
+  Extension_Link<Extension> extension_{annotation_references_};
+  Extension_Link<Modulo> modulo_{annotation_references_};
 };
 
 }  // namespace OME

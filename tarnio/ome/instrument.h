@@ -5,12 +5,11 @@
 
 #include <optional>
 
-#include <memory>
-
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
 #include "tarnio/ome/abstract_reference.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/extension_link.h"
 #include "tarnio/ome/extensions/enumerations.h"
 #include "tarnio/ome/reference.h"
 
@@ -23,21 +22,18 @@ class TARNIO_EXPORT Objective : public Element_with_ID<Objective> {
   static constexpr std::string_view kIDPrefix = "Objective";
   class Extension;  // tarnio/ome/extensions/instrument_extensions.h
 
-  Objective(JSON::Proxy& parent, JSON::Value& node);
-  ~Objective() override;
+  using Element_with_ID<Objective>::Element_with_ID;
   static JSON::Array_of<Objective>* root_list(Root& root, bool provide);
 
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension annotation, created with its AnnotationRef when missing.
   Extension& extension();
-  // Null when there is none; creates nothing.
   Extension* find_extension();
 
   void resolve_references() override;
 
  private:
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  Extension_Link<Extension> extension_{annotation_references_};
 };
 
 class TARNIO_EXPORT Detector : public Element_with_ID<Detector> {
@@ -45,14 +41,11 @@ class TARNIO_EXPORT Detector : public Element_with_ID<Detector> {
   static constexpr std::string_view kIDPrefix = "Detector";
   class Extension;  // tarnio/ome/extensions/instrument_extensions.h
 
-  Detector(JSON::Proxy& parent, JSON::Value& node);
-  ~Detector() override;
+  using Element_with_ID<Detector>::Element_with_ID;
   static JSON::Array_of<Detector>* root_list(Root& root, bool provide);
 
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension annotation, created with its AnnotationRef when missing.
   Extension& extension();
-  // Null when there is none; creates nothing.
   Extension* find_extension();
 
   // The OME attribute Type, or for "Other" the extension's vendor kind when it names one;
@@ -64,7 +57,7 @@ class TARNIO_EXPORT Detector : public Element_with_ID<Detector> {
 
  private:
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  Extension_Link<Extension> extension_{annotation_references_};
 };
 
 class TARNIO_EXPORT Filter : public Element_with_ID<Filter> {
@@ -86,8 +79,7 @@ class TARNIO_EXPORT Instrument : public Element_with_ID<Instrument> {
   static constexpr std::string_view kIDPrefix = "Instrument";
   class Extension;  // tarnio/ome/extensions/instrument_extensions.h
 
-  Instrument(JSON::Proxy& parent, JSON::Value& node);
-  ~Instrument() override;
+  using Element_with_ID<Instrument>::Element_with_ID;
   static JSON::Array_of<Instrument>* root_list(Root& root, bool provide);
 
   JSON::Array_of<Objective>& objectives() noexcept { return objectives_; }
@@ -96,19 +88,14 @@ class TARNIO_EXPORT Instrument : public Element_with_ID<Instrument> {
   JSON::Array_of<Light_Source>& light_sources() noexcept { return light_sources_; }
 
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension annotation, created with its AnnotationRef when missing.
   Extension& extension();
-  // Null when there is none; creates nothing.
   Extension* find_extension();
 
   void resolve_references() override;
 
  private:
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
-  // Resolves the extension annotations; part of resolve_references().
-  void resolve_extension();
-
+  Extension_Link<Extension> extension_{annotation_references_};
   JSON::Array_of<Light_Source> light_sources_{*this, "LightSource"};
   JSON::Array_of<Detector> detectors_{*this, "Detector"};
   JSON::Array_of<Objective> objectives_{*this, "Objective"};

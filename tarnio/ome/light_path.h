@@ -2,13 +2,11 @@
 
 // Light_Path: the light path of a channel, the filters and dichroic the light passes.
 
-#include <memory>
-
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
 #include "tarnio/ome/abstract_reference.h"
+#include "tarnio/ome/extension_link.h"
 #include "tarnio/ome/object_of_documents.h"
-#include "tarnio/ome/reference.h"
 
 namespace OME {
 
@@ -16,13 +14,10 @@ class TARNIO_EXPORT Light_Path : public Element<> {
  public:
   class Extension;  // tarnio/ome/extensions/instrument_extensions.h
 
-  Light_Path(JSON::Proxy& parent, JSON::Value& node);
-  ~Light_Path() override;
+  using Element<>::Element;
 
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension annotation, created with its AnnotationRef when missing.
   Extension& extension();
-  // Null when there is none; creates nothing.
   Extension* find_extension();
 
   void set_primary_spherical_aberration(double value);
@@ -32,7 +27,7 @@ class TARNIO_EXPORT Light_Path : public Element<> {
 
  private:
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  Extension_Link<Extension> extension_{annotation_references_};
 };
 
 }  // namespace OME

@@ -332,10 +332,10 @@ class Writer {
       for (const JSON::Value& item : items->items()) {
         const Element_Type& child_type = kind_of(*child, item);
         JSON::Value scratch;
-        element(child_type.name,
-                child_type.name == kXMLAnnotation ? internal::untyped_annotation(item, scratch)
-                                                  : item,
-                child_type, depth + 1);
+        element(
+            child_type.name,
+            child_type.name == kXMLAnnotation ? internal::untyped_annotation(item, scratch) : item,
+            child_type, depth + 1);
       }
     }
     if (any != nullptr) {

@@ -3,12 +3,11 @@
 // Projects, datasets and folders, which group images, and the dyes and bands of a project, the
 // maker's own element types, which a project keeps in its extension.
 
-#include <memory>
-
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
 #include "tarnio/ome/abstract_reference.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/extension_link.h"
 #include "tarnio/ome/image.h"
 #include "tarnio/ome/reference.h"
 #include "tarnio/ome/roi.h"
@@ -50,15 +49,12 @@ class TARNIO_EXPORT Project : public Element_with_ID<Project> {
   // Holds the project's dyes and bands; tarnio/ome/extensions/project_extensions.h.
   class Extension;
 
-  Project(JSON::Proxy& parent, JSON::Value& node);
-  ~Project() override;
+  using Element_with_ID<Project>::Element_with_ID;
   static JSON::Array_of<Project>* root_list(Root& root, bool provide);
 
   JSON::Array_of<Reference<Dataset>>& dataset_references() noexcept { return datasets_; }
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension annotation, created with its AnnotationRef when missing.
   Extension& extension();
-  // Null when there is none; creates nothing.
   Extension* find_extension();
 
   void resolve_references() override;
@@ -68,12 +64,9 @@ class TARNIO_EXPORT Project : public Element_with_ID<Project> {
   virtual bool update_2() { return false; }
 
  private:
-  // Resolves the extension annotations; part of resolve_references().
-  void resolve_extension();
-
   JSON::Array_of<Reference<Dataset>> datasets_{*this, "DatasetRef"};
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  Extension_Link<Extension> extension_{annotation_references_};
 };
 
 class TARNIO_EXPORT Folder : public Element_with_ID<Folder> {
@@ -82,17 +75,14 @@ class TARNIO_EXPORT Folder : public Element_with_ID<Folder> {
   class Extension;   // tarnio/ome/extensions/project_extensions.h
   class Processing;  // the extension's record of how the folder's images are processed
 
-  Folder(JSON::Proxy& parent, JSON::Value& node);
-  ~Folder() override;
+  using Element_with_ID<Folder>::Element_with_ID;
   static JSON::Array_of<Folder>* root_list(Root& root, bool provide);
 
   JSON::Array_of<Reference<Folder>>& folder_references() noexcept { return folders_; }
   JSON::Array_of<Reference<Image>>& image_references() noexcept { return images_; }
   JSON::Array_of<Reference<ROI>>& ROI_references() noexcept { return rois_; }
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension annotation, created with its AnnotationRef when missing.
   Extension& extension();
-  // Null when there is none; creates nothing.
   Extension* find_extension();
 
   void set_has_bookmark(bool value);
@@ -103,14 +93,11 @@ class TARNIO_EXPORT Folder : public Element_with_ID<Folder> {
   void resolve_references() override;
 
  private:
-  // Resolves the extension annotations; part of resolve_references().
-  void resolve_extension();
-
   JSON::Array_of<Reference<Folder>> folders_{*this, "FolderRef"};
   JSON::Array_of<Reference<Image>> images_{*this, "ImageRef"};
   JSON::Array_of<Reference<ROI>> rois_{*this, "ROIRef"};
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  Extension_Link<Extension> extension_{annotation_references_};
 };
 
 }  // namespace OME

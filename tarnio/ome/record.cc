@@ -13,7 +13,8 @@ std::optional<Tarn::units::RuntimeValue> Record::quantity(std::string_view name)
   const JSON::Value* number = value(name);
   if (number == nullptr) return std::nullopt;
   const JSON::Value* unit = value(unit_name(name));
-  if (unit == nullptr) return Tarn::units::RuntimeValue(number->get_double(), Tarn::units::BaseUnit());
+  if (unit == nullptr)
+    return Tarn::units::RuntimeValue(number->get_double(), Tarn::units::BaseUnit());
   return Tarn::units::RuntimeValue(number->get_double(), unit->get_string());
 }
 

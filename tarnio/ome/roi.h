@@ -8,6 +8,7 @@
 #include "tarnio/json/proxy.h"
 #include "tarnio/ome/abstract_reference.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/extension_link.h"
 #include "tarnio/ome/reference.h"
 
 namespace OME {
@@ -28,20 +29,17 @@ class TARNIO_EXPORT Rectangle : public Shape {
  public:
   class Extension;  // tarnio/ome/extensions/image_extensions.h
 
-  Rectangle(JSON::Proxy& parent, JSON::Value& node);
-  ~Rectangle() override;
+  using Shape::Shape;
 
   Abstract_References& annotation_references() noexcept { return annotation_references_; }
-  // The extension annotation, created with its AnnotationRef when missing.
   Extension& extension();
-  // Null when there is none; creates nothing.
   Extension* find_extension();
 
   void resolve_references() override;
 
  private:
   Abstract_References annotation_references_{*this};
-  std::unique_ptr<Reference<Extension>> extension_;  // created with the element
+  Extension_Link<Extension> extension_{annotation_references_};
 };
 
 class TARNIO_EXPORT ROI : public Element_with_ID<ROI> {

@@ -1,5 +1,7 @@
 #include "tarnio/ome/extensions/channel_extension.h"
 
+#include <optional>
+
 #include "tarnio/ome/internal/extension_access.h"
 #include "tarnio/ome/root.h"
 #include "tarnio/ome/vendor.h"
@@ -12,59 +14,76 @@ const internal::Split_Kind<Acquisition_Mode> kAcquisitionMode{
     kFirstVendorAcquisitionMode};
 
 // The record that an older annotation's Value holds: its first item when it is a list.
-const JSON::Value& older_values(const Annotation& annotation) {
-  const JSON::Value& value = annotation.member("Value");
+const JSON::Value& older_values(const JSON::Value& value) {
   return value.is_list() ? value.at(0) : value;
 }
 
-void copy_members(const JSON::Value& from, Record& to,
-                  std::initializer_list<std::string_view> names) {
-  for (std::string_view name : names) to.set_value(name, from.at(name));
+// The named members of `from`; throws std::runtime_error "JSON path '{name}' not found." for a
+// missing one.
+JSON::Value pick(const JSON::Value& from, std::initializer_list<std::string_view> names) {
+  JSON::Value picked = JSON::Value::object();
+  for (std::string_view name : names) picked.set(name, from.at(name));
+  return picked;
 }
 
-bool is_older(const Annotation& annotation) {
+// What an older annotation carries, read in full before the document changes.
+struct Carried {
+  std::string_view record;  // "line", "gating" or "deactivation"
+  JSON::Value values;
+  JSON::Value light_source_settings;  // of the deactivation
+};
+
+std::optional<Carried> read_older(const Annotation& annotation) {
   using Extension = Channel::Extension;
   const std::string_view ns = annotation.annotation_namespace();
-  return ns == vendor_namespace(Extension::kLinesPath) ||
-         ns == vendor_namespace(Extension::kGatingPath) ||
-         ns == vendor_namespace(Extension::kDeactivationPath);
+  if (ns == vendor_namespace(Extension::kLinesPath)) {
+    const JSON::Value& from = older_values(annotation.member("Value"));
+    return Carried{
+        "line", JSON::Value::object({{"accumulation", from.at("accumulation").get_int64()}}), {}};
+  }
+  if (ns == vendor_namespace(Extension::kGatingPath)) {
+    return Carried{"gating",
+                   pick(older_values(annotation.member("Value")),
+                        {"delay", "width", "delay_unit", "width_unit"}),
+                   {}};
+  }
+  if (ns == vendor_namespace(Extension::kDeactivationPath)) {
+    const JSON::Value& from = older_values(annotation.member("Value"));
+    return Carried{"deactivation", pick(from, {"wavelength", "wavelength_unit", "z_component"}),
+                   pick(older_values(from.at("LightSourceSettings")),
+                        {"Attenuation", "Wavelength", "WavelengthUnit"})};
+  }
+  return std::nullopt;
 }
 
-// Carries the values of an older annotation into the extension.
-void carry_over(const Annotation& older, Channel::Extension::Values& values) {
-  using Extension = Channel::Extension;
-  const std::string_view ns = older.annotation_namespace();
-  if (ns == vendor_namespace(Extension::kLinesPath)) {
-    values.line().provide().set_value("accumulation",
-                                      older_values(older).at("accumulation").get_int64());
-  } else if (ns == vendor_namespace(Extension::kGatingPath)) {
-    copy_members(older_values(older), values.gating().provide(),
-                 {"delay", "width", "delay_unit", "width_unit"});
-  } else if (ns == vendor_namespace(Extension::kDeactivationPath)) {
-    const JSON::Value& from = older_values(older);
-    Extension::Deactivation& deactivation = values.deactivation().provide();
-    copy_members(from, deactivation, {"wavelength", "wavelength_unit", "z_component"});
-    const JSON::Value& settings = from.at("LightSourceSettings");
-    copy_members(settings.is_list() ? settings.at(0) : settings,
-                 deactivation.light_source_settings().provide(),
-                 {"Attenuation", "Wavelength", "WavelengthUnit"});
+void set_all(Record& record, const JSON::Value& values) {
+  for (const JSON::Member& member : values.members())
+    record.set_value(member.key(), member.value());
+}
+
+void carry_over(const Carried& carried, Channel::Extension::Values& values) {
+  if (carried.record == "line") {
+    set_all(values.line().provide(), carried.values);
+  } else if (carried.record == "gating") {
+    set_all(values.gating().provide(), carried.values);
+  } else {
+    Channel::Extension::Deactivation& deactivation = values.deactivation().provide();
+    set_all(deactivation, carried.values);
+    set_all(deactivation.light_source_settings().provide(), carried.light_source_settings);
   }
 }
 
 }  // namespace
 
+template class Extension_Link<Channel::Extension>;
+
+Channel::Extension& Channel::extension() { return extension_.provide(); }
+Channel::Extension* Channel::find_extension() { return extension_.find(); }
+
 void Channel_Extension_Values::resolve_references() {
   if (Reference<Dye>* dye = dye_.get()) dye->resolve_references();
   if (Reference<Band>* band = band_.get()) band->resolve_references();
 }
-
-Channel::Channel(JSON::Proxy& parent, JSON::Value& node)
-    : Element_with_ID<Channel>(parent, node),
-      extension_(std::make_unique<Reference<Extension>>(annotation_references_)) {}
-Channel::~Channel() = default;
-
-Channel::Extension& Channel::extension() { return **extension_; }
-Channel::Extension* Channel::find_extension() { return internal::find_extension(*extension_); }
 
 std::optional<Acquisition_Mode> Channel::acquisition_mode() { return kAcquisitionMode.get(*this); }
 void Channel::set_acquisition_mode(Acquisition_Mode mode) { kAcquisitionMode.set(*this, mode); }
@@ -96,22 +115,21 @@ void Channel::set_deactivation_light_source(const Light_Source& source, double a
 
 void Channel::resolve_references() {
   if (Light_Path* path = light_path_.get()) path->resolve_references();
-  internal::resolve_extension(annotation_references_, *extension_);
+  extension_.resolve_references();
 }
 
 bool Channel::update_1() {
   bool changed = false;
   for (std::size_t i = 0; i < annotation_references_.size();) {
     const JSON::Value* id = annotation_references_[i].ID();
-    Annotation* older = id == nullptr ? nullptr : internal::find_annotation(root(), *id);
-    if (older == nullptr || !is_older(*older)) {
+    const Annotation* older = id == nullptr ? nullptr : internal::find_annotation(root(), *id);
+    const std::optional<Carried> carried = older == nullptr ? std::nullopt : read_older(*older);
+    if (!carried) {
       ++i;
       continue;
     }
-    // Creating the extension may move the annotations: the older one is reached anew.
-    const JSON::Value older_id = *id;
-    Extension::Values& values = extension().values();
-    carry_over(*internal::find_annotation(root(), older_id), values);
+    const JSON::Value older_id = *id;  // the entry moves when the extension is created
+    carry_over(*carried, extension().values());
     // The older annotation goes with its reference unless another element refers to it too.
     annotation_references_.erase(i);
     if (count_ID_holders(document(), older_id) == 1) {

@@ -94,7 +94,6 @@ class TARNIO_EXPORT Channel::Extension
    private:
     JSON::Array_of<Detector_Element> elements_{*this, "detector_elements"};
   };
-
 };
 
 // The values of Channel::Extension; "other_acquisition_mode", "color_map" and

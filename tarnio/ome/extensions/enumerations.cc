@@ -68,9 +68,9 @@ const JSON::Enum_Table<Detector_Type>& detector_type_table() {
 const JSON::Enum_Table<Color_Map>& color_map_table() {
   using enum Color_Map;
   static const JSON::Enum_Table<Color_Map> table{
-      {unknown, "unknown"}, {white, "white"},     {red, "red"},       {green, "green"},
-      {blue, "blue"},       {cyan, "cyan"},       {magenta, "magenta"}, {yellow, "yellow"},
-      {orange, "orange"},   {fire, "fire"},       {rainbow, "rainbow"},
+      {unknown, "unknown"}, {white, "white"}, {red, "red"},         {green, "green"},
+      {blue, "blue"},       {cyan, "cyan"},   {magenta, "magenta"}, {yellow, "yellow"},
+      {orange, "orange"},   {fire, "fire"},   {rainbow, "rainbow"},
   };
   return table;
 }

@@ -34,8 +34,8 @@ struct Tables {
   std::vector<std::string_view> image_types = image_type_table().keywords();
   std::vector<std::string_view> scan_curves = scan_curve_table().keywords();
   std::vector<std::string_view> scan_directions = scan_direction_table().keywords();
-  std::vector<std::string_view> modulo_types{"angle", "phase", "tile", "lifetime", "lambda",
-                                             "other"};
+  std::vector<std::string_view> modulo_types{"angle",    "phase",  "tile",
+                                             "lifetime", "lambda", "other"};
 
   std::vector<Member_Type> reference_members{{"ID", string}};
   Record_Type reference{reference_members};
@@ -85,14 +85,14 @@ struct Tables {
       {"other_detector_settings", records, &detector_settings}};
   Record_Type channel{channel_members};
 
-  std::vector<Member_Type> detector_members{
-      {"other_type", keyword, nullptr, vendor_detectors}, {"dead_time", number},
-      {"dead_time_unit", unit}};
+  std::vector<Member_Type> detector_members{{"other_type", keyword, nullptr, vendor_detectors},
+                                            {"dead_time", number},
+                                            {"dead_time_unit", unit}};
   Record_Type detector{detector_members};
 
-  std::vector<Member_Type> grid_members{{"columns", integer},   {"rows", integer},
-                                        {"spacing_x", number},  {"spacing_x_unit", unit},
-                                        {"spacing_y", number},  {"spacing_y_unit", unit}};
+  std::vector<Member_Type> grid_members{{"columns", integer},  {"rows", integer},
+                                        {"spacing_x", number}, {"spacing_x_unit", unit},
+                                        {"spacing_y", number}, {"spacing_y_unit", unit}};
   Record_Type grid{grid_members};
   std::vector<Member_Type> processing_members{{"Grid", records, &grid}};
   Record_Type processing{processing_members};
@@ -161,10 +161,10 @@ struct Tables {
   std::vector<Member_Type> project_members{{"dye", records, &dye}, {"band", records, &band}};
   Record_Type project{project_members};
 
-  std::vector<Member_Type> rectangle_members{
-      {"position_x_unit", unit}, {"position_y_unit", unit}, {"position_z", number},
-      {"position_z_unit", unit}, {"size_x_unit", unit},     {"size_y_unit", unit},
-      {"size_z", number},        {"size_z_unit", unit}};
+  std::vector<Member_Type> rectangle_members{{"position_x_unit", unit}, {"position_y_unit", unit},
+                                             {"position_z", number},    {"position_z_unit", unit},
+                                             {"size_x_unit", unit},     {"size_y_unit", unit},
+                                             {"size_z", number},        {"size_z_unit", unit}};
   Record_Type rectangle{rectangle_members};
 
   std::vector<Member_Type> along_members{{"Type", keyword, nullptr, modulo_types},

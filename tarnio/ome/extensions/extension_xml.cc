@@ -260,10 +260,9 @@ void read_typed_annotation(JSON::Value& item) {
     return;
   }
   const std::string path(typed->annotation_namespace);
-  const bool in_namespace =
-      element.attribute("xmlns").value() == typed->element_namespace ||
-      (typed->namespace_attribute &&
-       element.attribute("namespace").value() == typed->element_namespace);
+  const bool in_namespace = element.attribute("xmlns").value() == typed->element_namespace ||
+                            (typed->namespace_attribute &&
+                             element.attribute("namespace").value() == typed->element_namespace);
   if (local_name(element.name()) != typed->element || !in_namespace) {
     throw Invalid_Data(fmt::format("Unknown member '{}' in {}.", element.name(), path));
   }

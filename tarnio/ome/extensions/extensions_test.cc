@@ -243,8 +243,10 @@ TEST(ExtensionsTest, UpdateCarriesTheOlderChannelAnnotationsIntoTheExtension) {
       R"(<AnnotationRef ID="Annotation:1"/>)",
       xml_annotation(1, Channel::Extension::kDeactivationPath,
                      R"(<Deactivation xmlns="{}" wavelength="775" wavelength_unit="nm"/>)")));
+  const JSON::Value unchanged = incomplete.node();
   EXPECT_THROW_MESSAGE(incomplete.update(), std::runtime_error,
                        "JSON path 'z_component' not found.");
+  EXPECT_EQ(incomplete.node(), unchanged);
 }
 
 TEST(ExtensionsTest, SettersWriteIntoTheExtensionCreatedOnFirstUse) {

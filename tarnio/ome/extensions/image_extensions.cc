@@ -4,18 +4,16 @@
 
 namespace OME {
 
-Image::Image(JSON::Proxy& parent, JSON::Value& node) : Element_with_ID<Image>(parent, node),
-      extension_(std::make_unique<Reference<Extension>>(annotation_references_)),
-      modulo_(std::make_unique<Reference<Modulo>>(annotation_references_)) {}
-Image::~Image() = default;
-Image::Extension& Image::extension() { return **extension_; }
-Image::Modulo& Image::modulo() { return **modulo_; }
-Image::Extension* Image::find_extension() { return internal::find_extension(*extension_); }
-Image::Modulo* Image::find_modulo() { return internal::find_extension(*modulo_); }
-void Image::resolve_extension() {
-  internal::resolve_extension(annotation_references_, *extension_);
-  modulo_->resolve_references();
-}
+template class Extension_Link<Image::Extension>;
+template class Extension_Link<Image::Modulo>;
+template class Extension_Link<Rectangle::Extension>;
+
+Image::Extension& Image::extension() { return extension_.provide(); }
+Image::Extension* Image::find_extension() { return extension_.find(); }
+Image::Modulo& Image::modulo() { return modulo_.provide(); }
+Image::Modulo* Image::find_modulo() { return modulo_.find(); }
+Rectangle::Extension& Rectangle::extension() { return extension_.provide(); }
+Rectangle::Extension* Rectangle::find_extension() { return extension_.find(); }
 
 void Image_Extension_Values::resolve_references() {
   if (Reference<const Image>* source = source_.get()) source->resolve_references();
@@ -30,13 +28,6 @@ std::unique_ptr<Shape> Shape::create(JSON::Proxy& parent, JSON::Value& item) {
   return std::make_unique<Shape>(parent, item);
 }
 
-Rectangle::Rectangle(JSON::Proxy& parent, JSON::Value& node) : Shape(parent, node),
-      extension_(std::make_unique<Reference<Extension>>(annotation_references_)) {}
-Rectangle::~Rectangle() = default;
-Rectangle::Extension& Rectangle::extension() { return **extension_; }
-Rectangle::Extension* Rectangle::find_extension() { return internal::find_extension(*extension_); }
-void Rectangle::resolve_references() {
-  internal::resolve_extension(annotation_references_, *extension_);
-}
+void Rectangle::resolve_references() { extension_.resolve_references(); }
 
 }  // namespace OME

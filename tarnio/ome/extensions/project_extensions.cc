@@ -4,27 +4,17 @@
 
 namespace OME {
 
-Project::Project(JSON::Proxy& parent, JSON::Value& node) : Element_with_ID<Project>(parent, node),
-      extension_(std::make_unique<Reference<Extension>>(annotation_references_)) {}
-Project::~Project() = default;
-Project::Extension& Project::extension() { return **extension_; }
-Project::Extension* Project::find_extension() { return internal::find_extension(*extension_); }
-void Project::resolve_extension() {
-  internal::resolve_extension(annotation_references_, *extension_);
-}
+template class Extension_Link<Project::Extension>;
+template class Extension_Link<Folder::Extension>;
+
+Project::Extension& Project::extension() { return extension_.provide(); }
+Project::Extension* Project::find_extension() { return extension_.find(); }
+Folder::Extension& Folder::extension() { return extension_.provide(); }
+Folder::Extension* Folder::find_extension() { return extension_.find(); }
 
 void Project_Extension_Values::resolve_references() {
   for (Dye& dye : dyes_) dye.resolve_references();
   for (Band& band : bands_) band.resolve_references();
-}
-
-Folder::Folder(JSON::Proxy& parent, JSON::Value& node) : Element_with_ID<Folder>(parent, node),
-      extension_(std::make_unique<Reference<Extension>>(annotation_references_)) {}
-Folder::~Folder() = default;
-Folder::Extension& Folder::extension() { return **extension_; }
-Folder::Extension* Folder::find_extension() { return internal::find_extension(*extension_); }
-void Folder::resolve_extension() {
-  internal::resolve_extension(annotation_references_, *extension_);
 }
 
 void Folder::set_has_bookmark(bool value) { extension().values().set_value("has_bookmark", value); }

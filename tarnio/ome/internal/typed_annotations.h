@@ -30,7 +30,16 @@
 
 namespace OME::internal {
 
-enum class Member_Kind : std::uint8_t { string, integer, number, boolean, keyword, unit, records, texts };
+enum class Member_Kind : std::uint8_t {
+  string,
+  integer,
+  number,
+  boolean,
+  keyword,
+  unit,
+  records,
+  texts
+};
 
 struct Record_Type;
 
