@@ -88,8 +88,23 @@ JSON::Array_of<Band>* Band::root_list(Root& root, bool provide) {
 
 void Project::resolve_references() {
   Project_Members<Element_with_ID<Project>>::resolve_references();
-  resolve_all(dyes_);
-  resolve_all(bands_);
+  extension_.resolve_references();
+}
+
+void Instrument::resolve_references() {
+  Instrument_Members<Element_with_ID<Instrument>>::resolve_references();
+  extension_.resolve_references();
+}
+
+void Folder::resolve_references() {
+  Folder_Members<Element_with_ID<Folder>>::resolve_references();
+  extension_.resolve_references();
+}
+
+void Image::resolve_references() {
+  Image_Members<Element_with_ID<Image>>::resolve_references();
+  extension_.resolve_references();
+  modulo_.resolve_references();
 }
 
 void Image::reset_ID() {

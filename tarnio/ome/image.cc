@@ -61,7 +61,10 @@ bool Pixels::update_counts() {
 
 bool Image::update_1() {
   Pixels* pixels = this->pixels().get();
-  return pixels != nullptr && pixels->update_counts();
+  if (pixels == nullptr) return false;
+  bool changed = pixels->update_counts();
+  for (Channel& channel : pixels->channels()) changed = channel.update_1() || changed;
+  return changed;
 }
 
 }  // namespace OME

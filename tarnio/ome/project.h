@@ -1,11 +1,13 @@
 #pragma once
 
-// Projects, datasets and folders, which group images, and the dyes and bands of a project.
+// Projects, datasets and folders, which group images, and the dyes and bands of a project, the
+// maker's own element types, which a project keeps in its extension.
 
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
 #include "tarnio/ome/element_members.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/extension_link.h"
 #include "tarnio/ome/image.h"
 #include "tarnio/ome/reference.h"
 #include "tarnio/ome/roi.h"
@@ -36,12 +38,14 @@ class TARNIO_EXPORT Dataset : public Dataset_Members<Element_with_ID<Dataset>> {
 
 class TARNIO_EXPORT Project : public Project_Members<Element_with_ID<Project>> {
  public:
+  // Holds the project's dyes and bands; tarnio/ome/extensions/project_extensions.h.
+  class Extension;
+
   using Project_Members<Element_with_ID<Project>>::Project_Members;
   static JSON::Array_of<Project>* root_list(Root& root, bool provide);
 
-  // The project's dyes and bands, the maker's own element types.
-  JSON::Array_of<Dye>& dyes() noexcept { return dyes_; }
-  JSON::Array_of<Band>& bands() noexcept { return bands_; }
+  Extension& extension();
+  Extension* find_extension();
 
   void resolve_references() override;
   // The project's parts of the document's two-pass update; each reports whether it changed
@@ -50,14 +54,29 @@ class TARNIO_EXPORT Project : public Project_Members<Element_with_ID<Project>> {
   virtual bool update_2() { return false; }
 
  private:
-  JSON::Array_of<Dye> dyes_{*this, "dye"};
-  JSON::Array_of<Band> bands_{*this, "band"};
+  Extension_Link<Extension> extension_{annotation_references()};
 };
 
 class TARNIO_EXPORT Folder : public Folder_Members<Element_with_ID<Folder>> {
  public:
+  class Extension;   // tarnio/ome/extensions/project_extensions.h
+  class Processing;  // the extension's record of how the folder's images are processed
+
   using Folder_Members<Element_with_ID<Folder>>::Folder_Members;
   static JSON::Array_of<Folder>* root_list(Root& root, bool provide);
+
+  Extension& extension();
+  Extension* find_extension();
+
+  void set_has_bookmark(bool value);
+  void set_is_overview(bool value);
+  // Removes the grid of the extension's processing record.
+  void reset_processing_grid();
+
+  void resolve_references() override;
+
+ private:
+  Extension_Link<Extension> extension_{annotation_references()};
 };
 
 }  // namespace OME

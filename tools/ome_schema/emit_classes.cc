@@ -48,6 +48,9 @@ const std::set<std::string> kHandWritten = {"OME",
                                             "Structured_Annotations",
                                             "Light_Path",
                                             "Rectangle"};
+// Enumerations whose keyword tables go on with the vendor's keywords after OME's; written by
+// hand in tarnio/ome/extensions/enumerations.h, which the members header includes.
+const std::set<std::string> kHandWrittenEnums = {"Acquisition_Mode", "Detector_Type"};
 // Hand-written types with a list of their own in the document (T::root_list).
 const std::set<std::string> kHandWrittenRootListed = {
     "Image",      "Project",   "Dataset",  "Folder", "Instrument",  "ROI",
@@ -478,12 +481,14 @@ class Emitter {
         << "#include <cstdint>\n#include <optional>\n#include <string_view>\n\n"
         << "#include \"tarnio/export.h\"\n#include \"tarnio/json/enum_table.h\"\n"
         << "#include \"tarnio/json/proxy.h\"\n#include \"tarnio/ome/abstract_reference.h\"\n"
+        << "#include \"tarnio/ome/extensions/enumerations.h\"\n"
         << "#include \"tarnio/ome/quantity.h\"\n#include \"tarnio/ome/reference.h\"\n"
         << "#include \"tarnio/ome/typed_member.h\"\n#include \"tarnio/units/runtime_value.h\"\n\n"
         << "namespace OME {\n\n";
     for (const Class_Info& c : classes_) out << "class " << c.name << ";\n";
     out << "\n";
     for (const std::string& name : enum_order_) {
+      if (kHandWrittenEnums.contains(name)) continue;
       const Simple& value = enums_.at(name);
       out << "enum class " << name << " {";
       for (const std::string& k : value.keywords) out << " " << enumerator(k) << ",";
@@ -539,6 +544,7 @@ class Emitter {
         << "#include \"tarnio/ome/element_members.h\"\n#include \"tarnio/ome/element_classes.h\"\n"
         << "#include \"tarnio/ome/root.h\"\n\nnamespace OME {\n\n";
     for (const std::string& name : enum_order_) {
+      if (kHandWrittenEnums.contains(name)) continue;
       out << "const JSON::Enum_Table<" << name << ">& enum_table(" << name << ") {\n"
           << "  static const JSON::Enum_Table<" << name << "> table{";
       for (const std::string& k : enums_.at(name).keywords) {
