@@ -133,7 +133,7 @@ TEST(ElementClassesTest, ShapeKindsShareTheListOfTheirROI) {
     shape.ID().set_actual(static_cast<std::int64_t>(shapes.size()));
     if (shape.kind() != kind) shape.set_kind(kind);  // an item is a Rectangle until named
   }
-  Rectangle rectangle(shapes[0]);
+  auto& rectangle = dynamic_cast<Rectangle&>(shapes[0]);  // rectangles are objects of their own
   rectangle.set_x(1.5);
   rectangle.set_y(0);
   rectangle.set_width(3);
@@ -152,7 +152,7 @@ TEST(ElementClassesTest, ShapeKindsShareTheListOfTheirROI) {
   auto copy = written_and_read(root);
   auto& read = copy->ROIs()[0].union_().get()->shapes();
   ASSERT_EQ(read.size(), 3u);
-  EXPECT_EQ(Rectangle(read[0]).width(), 3);
+  EXPECT_EQ(dynamic_cast<Rectangle&>(read[0]).width(), 3);
   EXPECT_EQ(read[0].fill_rule(), Fill_Rule::NonZero);
   EXPECT_EQ(read[1].kind(), "Ellipse");
   EXPECT_EQ(Ellipse(read[1]).radius_y(), 4);

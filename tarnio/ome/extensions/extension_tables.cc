@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "tarnio/ome/element_classes.h"
 #include "tarnio/ome/extensions/channel_extension.h"
 #include "tarnio/ome/extensions/enumerations.h"
 #include "tarnio/ome/extensions/image_extensions.h"

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "tarnio/ome/element_classes.h"
 #include "tarnio/ome/errors.h"
 #include "tarnio/ome/internal/typed_annotations.h"
 #include "tarnio/units/base_unit.h"

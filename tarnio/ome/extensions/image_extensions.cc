@@ -1,5 +1,6 @@
 #include "tarnio/ome/extensions/image_extensions.h"
 
+#include "tarnio/ome/element_classes.h"
 #include "tarnio/ome/internal/extension_access.h"
 
 namespace OME {
