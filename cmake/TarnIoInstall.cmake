@@ -10,6 +10,9 @@ install(TARGETS tarnio EXPORT TarnIoTargets
 # Generated into the build tree, which may lie inside the source tree: not part of the file set.
 install(FILES ${PROJECT_BINARY_DIR}/generated/tarnio/version.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarnio)
+install(FILES ${PROJECT_BINARY_DIR}/generated/tarnio/ome/element_members.h
+              ${PROJECT_BINARY_DIR}/generated/tarnio/ome/element_classes.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarnio/ome)
 install(EXPORT TarnIoTargets NAMESPACE TarnIo:: DESTINATION ${TARNIO_CMAKE_DIR})
 
 configure_package_config_file(cmake/TarnIoConfig.cmake.in

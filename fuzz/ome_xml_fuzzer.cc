@@ -22,7 +22,8 @@ namespace {
 
 bool documented(std::string_view message) {
   for (const std::string_view start :
-       {"OME-XML parse error at offset ", "Unsupported OME-XML namespace '", "Invalid "}) {
+       {"OME-XML parse error at offset ", "Unsupported OME-XML namespace '", "Invalid ",
+        "Unknown member '"}) {
     if (message.starts_with(start)) return true;
   }
   return false;

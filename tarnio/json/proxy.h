@@ -16,6 +16,7 @@
 //
 // Not thread-safe; a proxy lives no longer than the tree it views.
 
+#include <concepts>
 #include <cstddef>
 #include <memory>
 #include <string_view>
@@ -62,8 +63,10 @@ class Proxy {
   Value* node_;
 };
 
-// T is constructed as T(owner, item) with the owner proxy and the item's node. The key must
-// outlive the Array_of (the member names are string literals).
+// T is constructed as T(owner, item) with the owner proxy and the item's node, or, when T has a
+// static create(owner, item) returning std::unique_ptr<T>, by that function, which may choose a
+// class derived from T by the item's content. The key must outlive the Array_of (the member
+// names are string literals).
 template <typename T>
 class Array_of {
  public:
@@ -143,7 +146,13 @@ class Array_of {
     sync(items);
     std::unique_ptr<T>& slot = elements_[index];
     if (slot == nullptr) {
-      slot = std::make_unique<T>(*owner_, item);
+      if constexpr (requires {
+                      { T::create(*owner_, item) } -> std::convertible_to<std::unique_ptr<T>>;
+                    }) {
+        slot = T::create(*owner_, item);
+      } else {
+        slot = std::make_unique<T>(*owner_, item);
+      }
     } else {
       slot->rebind(item);
     }

@@ -1,4 +1,5 @@
-// The lists in which references find their referents, and the reference walks of the elements.
+// The lists in which references find their referents, and the reference walks that the
+// element classes add by hand.
 
 #include <string>
 #include <vector>
@@ -9,16 +10,6 @@
 
 namespace OME {
 namespace {
-
-template <typename T>
-void resolve_all(JSON::Array_of<T>& list) {
-  for (T& element : list) element.resolve_references();
-}
-
-template <typename T>
-void resolve_all(JSON::One_of<T>& slot) {
-  if (T* element = slot.get()) element->resolve_references();
-}
 
 OME* ome_of(Root& root, bool provide) { return provide ? &root.provide_ome() : root.ome(); }
 
@@ -95,52 +86,32 @@ JSON::Array_of<Band>* Band::root_list(Root& root, bool provide) {
   return provide ? &root.provide_bands() : root.bands();
 }
 
-void OME::resolve_references() {
-  resolve_all(projects_);
-  resolve_all(datasets_);
-  resolve_all(folders_);
-  resolve_all(instruments_);
-  resolve_all(images_);
-  resolve_all(structured_annotations_);
-  resolve_all(rois_);
-}
-
-void Structured_Annotations::resolve_references() { resolve_all(annotations_); }
-
 void Project::resolve_references() {
-  resolve_all(datasets_);
-  resolve_all(dyes_);
-  resolve_all(bands_);
+  Project_Members<Element_with_ID<Project>>::resolve_references();
+  extension_.resolve_references();
 }
 
 void Instrument::resolve_references() {
-  resolve_all(light_sources_);
-  resolve_all(detectors_);
-  resolve_all(objectives_);
-  resolve_all(filters_);
+  Instrument_Members<Element_with_ID<Instrument>>::resolve_references();
+  extension_.resolve_references();
 }
 
-void Image::Pixels::resolve_references() { resolve_all(channels_); }
-
-void Dataset::resolve_references() { resolve_all(images_); }
-
 void Folder::resolve_references() {
-  resolve_all(folders_);
-  resolve_all(images_);
-  resolve_all(rois_);
+  Folder_Members<Element_with_ID<Folder>>::resolve_references();
+  extension_.resolve_references();
 }
 
 void Image::resolve_references() {
-  resolve_all(pixels_);
-  resolve_all(instrument_);
-  resolve_all(rois_);
+  Image_Members<Element_with_ID<Image>>::resolve_references();
+  extension_.resolve_references();
+  modulo_.resolve_references();
 }
 
 void Image::reset_ID() {
   Element_with_ID<Image>::reset_ID();
-  if (Pixels* pixels = pixels_.get()) {
-    pixels->reset_ID();
-    for (Channel& channel : pixels->channels()) channel.reset_ID();
+  if (Pixels* own_pixels = pixels().get()) {
+    own_pixels->reset_ID();
+    for (Channel& channel : own_pixels->channels()) channel.reset_ID();
   }
 }
 

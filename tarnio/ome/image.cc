@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "tarnio/ome/element_classes.h"
 #include "tarnio/ome/errors.h"
 
 namespace OME {
@@ -30,37 +31,40 @@ std::array<std::uint64_t, 3> plane_position(std::string_view order, std::uint64_
 
 }  // namespace
 
-bool Image::Pixels::update_counts() {
+bool Pixels::update_counts() {
   bool changed = false;
   const std::uint64_t size_c = size_of(*this, "SizeC");
-  for (Channel& channel : channels_) channel.ID();  // registers the IDs present
-  if (channels_.size() != size_c) {
-    while (channels_.size() > size_c) channels_.erase(channels_.size() - 1);
-    while (channels_.size() < size_c) {
+  for (Channel& channel : channels()) channel.ID();  // registers the IDs present
+  if (channels().size() != size_c) {
+    while (channels().size() > size_c) channels().erase(channels().size() - 1);
+    while (channels().size() < size_c) {
       const auto largest = ids().largest(Channel::kIDPrefix);
-      channels_.append().ID().set_actual(largest ? *largest + 1 : 0);
+      channels().append().ID().set_actual(largest ? *largest + 1 : 0);
     }
     changed = true;
   }
-  if (planes_.empty()) return changed;
+  if (planes().empty()) return changed;
   const std::array<std::uint64_t, 3> sizes{size_of(*this, "SizeZ"), size_c,
                                            size_of(*this, "SizeT")};
   const std::uint64_t count = sizes[0] * sizes[1] * sizes[2];
-  if (planes_.size() == count) return changed;
+  if (planes().size() == count) return changed;
   const JSON::Value* order = find_member("DimensionOrder");
   const std::string_view dimension_order =
       order != nullptr && order->is_string() ? order->get_string() : "XYZCT";
-  while (planes_.size() > count) planes_.erase(planes_.size() - 1);
-  while (planes_.size() < count) {
-    const auto zct = plane_position(dimension_order, planes_.size(), sizes);
-    planes_.append(JSON::Value::object({{"TheZ", zct[0]}, {"TheC", zct[1]}, {"TheT", zct[2]}}));
+  while (planes().size() > count) planes().erase(planes().size() - 1);
+  while (planes().size() < count) {
+    const auto zct = plane_position(dimension_order, planes().size(), sizes);
+    planes().append(JSON::Value::object({{"TheZ", zct[0]}, {"TheC", zct[1]}, {"TheT", zct[2]}}));
   }
   return true;
 }
 
 bool Image::update_1() {
-  Pixels* pixels = pixels_.get();
-  return pixels != nullptr && pixels->update_counts();
+  Pixels* pixels = this->pixels().get();
+  if (pixels == nullptr) return false;
+  bool changed = pixels->update_counts();
+  for (Channel& channel : pixels->channels()) changed = channel.update_1() || changed;
+  return changed;
 }
 
 }  // namespace OME

@@ -17,6 +17,7 @@
 
 #include "tarnio/ome/errors.h"
 #include "tarnio/ome/internal/schema.h"
+#include "tarnio/ome/internal/typed_annotations.h"
 #include "tarnio/strings/internal/xml_escape.h"
 
 namespace OME {
@@ -32,6 +33,8 @@ constexpr std::string_view kKind = "#kind";
 constexpr std::string_view kText = "#text";
 constexpr std::string_view kXML = "#xml";
 constexpr std::string_view kAny = "#any";
+// Its Value may hold one of the typed annotations (internal/typed_annotations.h).
+constexpr std::string_view kXMLAnnotation = "XMLAnnotation";
 
 const Element_Type& type_at(int index) {
   return internal::element_types()[static_cast<std::size_t>(index)];
@@ -196,6 +199,7 @@ class Reader {
       const Element_Type& child_type = type_at(slot->second.element);
       JSON::Value item = element(child, child_type);
       if (slot->second.child->elements.size() > 1) item.set(kKind, child_type.name);
+      if (child_type.name == kXMLAnnotation) internal::read_typed_annotation(item);
       value[slot->second.child->key].push_back(std::move(item));
     }
     if (type.text.type != Value_Type::none) {
@@ -327,7 +331,11 @@ class Writer {
       if (!items->is_list()) throw_shape(fmt::format("{} is not a list", child->key));
       for (const JSON::Value& item : items->items()) {
         const Element_Type& child_type = kind_of(*child, item);
-        element(child_type.name, item, child_type, depth + 1);
+        JSON::Value scratch;
+        element(
+            child_type.name,
+            child_type.name == kXMLAnnotation ? internal::untyped_annotation(item, scratch) : item,
+            child_type, depth + 1);
       }
     }
     if (any != nullptr) {

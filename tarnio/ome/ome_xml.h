@@ -21,7 +21,9 @@
 //   in the member "#kind"; an item without one is written as the first kind of its list
 //   (Laser, Rectangle, XMLAnnotation).
 // - The Value of an XMLAnnotation holds foreign XML: {"#xml": "..."} keeps its content as text
-//   and it is written back as it stands.
+//   and it is written back as it stands. The extension annotations of the vendor domain and
+//   OME's modulo annotation are read into typed JSON members instead ("extension", "Modulo");
+//   tarnio/ome/internal/typed_annotations.h gives their mapping.
 // - What the tables do not know (content of a newer minor schema) is kept: an unknown
 //   attribute as a string member, an unknown child element as its XML text in the list
 //   "#any", written after the known children. The root's namespace declarations and

@@ -18,17 +18,14 @@
 #include "tarnio/ome/quantity.h"
 #include "tarnio/ome/root.h"
 #include "tarnio/testing/expect_throw_message.h"
+#include "tarnio/testing/ome_samples.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace OME {
 namespace {
 
-const std::filesystem::path kSamples = "tests/data/ome/samples";
-
-std::string read_text(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using Tarn::testing::kOMESamples;
+using Tarn::testing::read_text;
 
 std::string trimmed(std::string_view text) {
   const auto first = text.find_first_not_of(" \t\r\n");
@@ -85,19 +82,10 @@ std::vector<std::string> canonical(const std::string& xml) {
   return lines;
 }
 
-bool validates(const std::string& xml, const std::filesystem::path& file) {
-  std::ofstream(file) << xml;
-  const std::string command = fmt::format(
-      "XML_CATALOG_FILES=tests/data/ome/schema/2016-06/catalog.xml xmllint --noout --nonet "
-      "--schema tests/data/ome/schema/2016-06/ome.xsd {0} 2>{0}.log",
-      file.string());
-  return std::system(command.c_str()) == 0;
-}
-
 TEST(OmeXmlTest, EverySampleComesBackDirectlyAndThroughJson) {
   Tarn::testing::TempDir dir;
   int samples = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(kSamples)) {
+  for (const auto& entry : std::filesystem::directory_iterator(kOMESamples)) {
     SCOPED_TRACE(entry.path().filename().string());
     ++samples;
     const std::string original = read_text(entry.path());
@@ -107,7 +95,8 @@ TEST(OmeXmlTest, EverySampleComesBackDirectlyAndThroughJson) {
     const JSON::Value tree = JSON::read(JSON::write(read_OME_XML(original)));
     const std::string through_json = write_OME_XML(tree);
     for (const std::string& written : {direct, through_json}) {
-      EXPECT_TRUE(validates(written, dir.path() / "written.ome.xml")) << written;
+      EXPECT_TRUE(Tarn::testing::validates_as_OME_XML(written, dir.path() / "written.ome.xml"))
+          << written;
       EXPECT_EQ(canonical(written), canonical(original));
     }
   }

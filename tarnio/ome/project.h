@@ -1,10 +1,13 @@
 #pragma once
 
-// Projects, datasets and folders, which group images, and the dyes and bands of a project.
+// Projects, datasets and folders, which group images, and the dyes and bands of a project, the
+// maker's own element types, which a project keeps in its extension.
 
 #include "tarnio/export.h"
 #include "tarnio/json/proxy.h"
+#include "tarnio/ome/element_members.h"
 #include "tarnio/ome/element_with_id.h"
+#include "tarnio/ome/extension_link.h"
 #include "tarnio/ome/image.h"
 #include "tarnio/ome/reference.h"
 #include "tarnio/ome/roi.h"
@@ -27,29 +30,22 @@ class TARNIO_EXPORT Band : public Element_with_ID<Band> {
   static JSON::Array_of<Band>* root_list(Root& root, bool provide);
 };
 
-class TARNIO_EXPORT Dataset : public Element_with_ID<Dataset> {
+class TARNIO_EXPORT Dataset : public Dataset_Members<Element_with_ID<Dataset>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Dataset";
-  using Element_with_ID<Dataset>::Element_with_ID;
+  using Dataset_Members<Element_with_ID<Dataset>>::Dataset_Members;
   static JSON::Array_of<Dataset>* root_list(Root& root, bool provide);
-
-  JSON::Array_of<Reference<Image>>& image_references() noexcept { return images_; }
-  void resolve_references() override;
-
- private:
-  JSON::Array_of<Reference<Image>> images_{*this, "ImageRef"};
 };
 
-class TARNIO_EXPORT Project : public Element_with_ID<Project> {
+class TARNIO_EXPORT Project : public Project_Members<Element_with_ID<Project>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Project";
-  using Element_with_ID<Project>::Element_with_ID;
+  // Holds the project's dyes and bands; tarnio/ome/extensions/project_extensions.h.
+  class Extension;
+
+  using Project_Members<Element_with_ID<Project>>::Project_Members;
   static JSON::Array_of<Project>* root_list(Root& root, bool provide);
 
-  JSON::Array_of<Reference<Dataset>>& dataset_references() noexcept { return datasets_; }
-  // The project's dyes and bands, the maker's own element types.
-  JSON::Array_of<Dye>& dyes() noexcept { return dyes_; }
-  JSON::Array_of<Band>& bands() noexcept { return bands_; }
+  Extension& extension();
+  Extension* find_extension();
 
   void resolve_references() override;
   // The project's parts of the document's two-pass update; each reports whether it changed
@@ -58,26 +54,29 @@ class TARNIO_EXPORT Project : public Element_with_ID<Project> {
   virtual bool update_2() { return false; }
 
  private:
-  JSON::Array_of<Reference<Dataset>> datasets_{*this, "DatasetRef"};
-  JSON::Array_of<Dye> dyes_{*this, "dye"};
-  JSON::Array_of<Band> bands_{*this, "band"};
+  Extension_Link<Extension> extension_{annotation_references()};
 };
 
-class TARNIO_EXPORT Folder : public Element_with_ID<Folder> {
+class TARNIO_EXPORT Folder : public Folder_Members<Element_with_ID<Folder>> {
  public:
-  static constexpr std::string_view kIDPrefix = "Folder";
-  using Element_with_ID<Folder>::Element_with_ID;
+  class Extension;   // tarnio/ome/extensions/project_extensions.h
+  class Processing;  // the extension's record of how the folder's images are processed
+
+  using Folder_Members<Element_with_ID<Folder>>::Folder_Members;
   static JSON::Array_of<Folder>* root_list(Root& root, bool provide);
 
-  JSON::Array_of<Reference<Folder>>& folder_references() noexcept { return folders_; }
-  JSON::Array_of<Reference<Image>>& image_references() noexcept { return images_; }
-  JSON::Array_of<Reference<ROI>>& ROI_references() noexcept { return rois_; }
+  Extension& extension();
+  Extension* find_extension();
+
+  void set_has_bookmark(bool value);
+  void set_is_overview(bool value);
+  // Removes the grid of the extension's processing record.
+  void reset_processing_grid();
+
   void resolve_references() override;
 
  private:
-  JSON::Array_of<Reference<Folder>> folders_{*this, "FolderRef"};
-  JSON::Array_of<Reference<Image>> images_{*this, "ImageRef"};
-  JSON::Array_of<Reference<ROI>> rois_{*this, "ROIRef"};
+  Extension_Link<Extension> extension_{annotation_references()};
 };
 
 }  // namespace OME

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "tarnio/ome/errors.h"
+#include "tarnio/ome/extensions/project_extensions.h"
 #include "tarnio/ome/ome_xml.h"
 
 namespace OME {
@@ -120,13 +121,25 @@ JSON::Array_of<Light_Source>* Root::light_sources() {
   Instrument* instrument = first_instrument();
   return instrument == nullptr ? nullptr : &instrument->light_sources();
 }
+// The values of the first project's extension; created nothing.
+Project_Extension_Values* project_values(Root& root) {
+  Project* project = root.first_project();
+  Project::Extension* extension = project == nullptr ? nullptr : project->find_extension();
+  return extension == nullptr ? nullptr : extension->find_values();
+}
 JSON::Array_of<Dye>* Root::dyes() {
-  Project* project = first_project();
-  return project == nullptr ? nullptr : &project->dyes();
+  Project_Extension_Values* values = project_values(*this);
+  return values == nullptr ? nullptr : &values->dyes();
 }
 JSON::Array_of<Band>* Root::bands() {
-  Project* project = first_project();
-  return project == nullptr ? nullptr : &project->bands();
+  Project_Extension_Values* values = project_values(*this);
+  return values == nullptr ? nullptr : &values->bands();
+}
+JSON::Array_of<Dye>& Root::provide_dyes() {
+  return provide_first_project().extension().values().dyes();
+}
+JSON::Array_of<Band>& Root::provide_bands() {
+  return provide_first_project().extension().values().bands();
 }
 
 Band& Root::find_band(const JSON::Value& id) { return find_in(bands(), id, "Unknown band '{}'."); }

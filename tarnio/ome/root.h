@@ -96,8 +96,9 @@ class TARNIO_EXPORT Root : public Object_of_Documents {
   JSON::Array_of<Light_Source>& provide_light_sources() {
     return provide_first_instrument().light_sources();
   }
-  JSON::Array_of<Dye>& provide_dyes() { return provide_first_project().dyes(); }
-  JSON::Array_of<Band>& provide_bands() { return provide_first_project().bands(); }
+  // The dyes and bands are kept in the first project's extension, created when missing.
+  JSON::Array_of<Dye>& provide_dyes();
+  JSON::Array_of<Band>& provide_bands();
 
   Folder* first_folder();
   Instrument* first_instrument();

@@ -1,6 +1,7 @@
-// Generates the element tables of OME-XML (tarnio/ome/internal/schema.h) from ome.xsd.
+// Generates, from ome.xsd, the element tables of OME-XML (tarnio/ome/internal/schema.h) and
+// the typed element classes of the OME model (tools/ome_schema/emit_classes.cc).
 //
-//   ome_schema_generator ome.xsd OUTPUT.cc
+//   ome_schema_generator ome.xsd TABLES.cc MEMBERS.h CLASSES.h CLASSES.cc
 //
 // Each element definition of the schema becomes one Element_Type: attributes and children are
 // collected through the chain of base types, base first, children in schema order; a
@@ -16,37 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "tools/ome_schema/schema_model.h"
+
 namespace {
 
-struct Simple {
-  std::string type = "none";  // a Value_Type enumerator
-  std::string name;
-  std::vector<std::string> keywords;
-  std::string minimum = "-kUnbounded";
-  std::string maximum = "kUnbounded";
-  bool above_minimum = false;
-};
-
-struct Attribute {
-  std::string name;
-  Simple value;
-  bool required = false;
-  std::string default_value;
-};
-
-struct Child {
-  std::string key;
-  std::vector<int> elements;
-  bool many = false;
-};
-
-struct Element {
-  std::string name;
-  std::vector<Attribute> attributes;
-  std::vector<Child> children;
-  Simple text;
-  bool any_content = false;
-};
+using namespace ome_schema;
 
 std::string strip(const std::string& name) {
   const auto colon = name.find(':');
@@ -71,7 +46,23 @@ class Generator {
       }
     }
     define(elements_.at("OME"));
+    for (const Element& element : elements_out_) {
+      for (const Child& child : element.children) {
+        const bool group =
+            child.elements.size() > 1 ||
+            elements_out_[static_cast<std::size_t>(child.elements[0])].name != child.key;
+        if (group && !groups_out_.contains(child.key)) {
+          Element base;
+          base.name = child.key;
+          base.type_name = child.key;
+          complex_type(complex_types_.at(child.key), base);
+          groups_out_[child.key] = std::move(base);
+        }
+      }
+    }
   }
+
+  Schema schema() const { return Schema{elements_out_, groups_out_}; }
 
   std::string emit() const {
     std::ostringstream out;
@@ -150,6 +141,11 @@ class Generator {
     elements_out_.emplace_back();
     Element e;
     e.name = node.attribute("name").value();
+    e.type_name = node.attribute("type").value();
+    if (!complex_types_.contains(e.type_name)) e.type_name.clear();
+    if (!e.type_name.empty() || node.child("xsd:complexType")) e.base = root_base(node);
+    if (!parents_.empty()) e.parent = parents_.back();
+    parents_.push_back(index);
     if (const auto type = node.attribute("type")) {
       const auto complex = complex_types_.find(type.value());
       if (complex != complex_types_.end()) {
@@ -164,6 +160,7 @@ class Generator {
     } else {
       e.text = Simple{"string", "xsd:anyType", {}};
     }
+    parents_.pop_back();
     elements_out_[static_cast<std::size_t>(index)] = std::move(e);
     return index;
   }
@@ -190,6 +187,7 @@ class Generator {
         a.default_value = part.attribute("default").value();
         a.value = part.attribute("type") ? simple_type(part.attribute("type").value())
                                          : simple_node(part.child("xsd:simpleType"), a.name);
+        a.value.inline_type = !part.attribute("type");
         e.attributes.push_back(std::move(a));
       }
     }
@@ -302,13 +300,24 @@ class Generator {
   std::map<std::string, std::vector<std::string>> groups_;
   std::map<const void*, int> indices_;
   std::vector<Element> elements_out_;
+  std::map<std::string, Element> groups_out_;
+  std::vector<int> parents_;  // the elements being defined, innermost last
 };
 
 }  // namespace
 
+// Writes `text` to `path`; false, after saying so, when it cannot.
+bool write_file(const char* path, const std::string& text) {
+  std::ofstream out(path);
+  out << text;
+  if (out.good()) return true;
+  std::cerr << path << ": cannot be written\n";
+  return false;
+}
+
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "usage: ome_schema_generator ome.xsd OUTPUT.cc\n";
+  if (argc != 6) {
+    std::cerr << "usage: ome_schema_generator ome.xsd TABLES.cc MEMBERS.h CLASSES.h CLASSES.cc\n";
     return 2;
   }
   pugi::xml_document schema;
@@ -318,12 +327,12 @@ int main(int argc, char** argv) {
     return 1;
   }
   try {
-    const std::string code = Generator(schema.child("xsd:schema")).emit();
-    std::ofstream out(argv[2]);
-    out << code;
-    if (out.good()) return 0;
-    std::cerr << argv[2] << ": cannot be written\n";
-    return 1;
+    const Generator generator(schema.child("xsd:schema"));
+    const Class_Sources classes = emit_classes(generator.schema());
+    const bool written =
+        write_file(argv[2], generator.emit()) && write_file(argv[3], classes.members_header) &&
+        write_file(argv[4], classes.classes_header) && write_file(argv[5], classes.source);
+    return written ? 0 : 1;
   } catch (const std::exception& error) {
     std::cerr << argv[1] << ": " << error.what() << "\n";
     return 1;
