@@ -23,6 +23,7 @@
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/errors/tarn_error.h"
 #include "tarnio/testing/expect_throw_message.h"
+#include "tarnio/testing/memory_file.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf::internal {
@@ -70,54 +71,7 @@ std::string chunk_index(const ChunkedSegment& segment) {
   return entries.at(0).second;
 }
 
-// A DiskFileAccess over bytes in memory that refuses to read past its end, like a file cut
-// there, and can keep a copy of itself after every write: the states a killed writer leaves.
-class MemoryAccess final : public DiskFileAccess {
- public:
-  struct Write {
-    std::uint64_t position;
-    std::uint64_t size;
-  };
-
-  explicit MemoryAccess(Bytes bytes = {}, bool record = false)
-      : bytes_(std::move(bytes)), record_(record) {}
-
-  bool is_open_for_reading() const override { return true; }
-  bool is_open_for_writing() const override { return true; }
-  std::uint64_t tell() const override { return position_; }
-  std::uint64_t seek(std::uint64_t pos) override {
-    position_ = pos == kNpos ? bytes_.size() : pos;
-    return position_;
-  }
-  void read(void* buf, std::uint64_t n) override {
-    if (position_ > bytes_.size() || n > bytes_.size() - position_) {
-      throw TarnError()("Failed reading past the cut.");
-    }
-    if (n != 0) std::memcpy(buf, bytes_.data() + position_, n);
-    position_ += n;
-  }
-  void write(const void* buf, std::uint64_t n) override {
-    if (position_ + n > bytes_.size()) bytes_.resize(position_ + n);
-    if (n != 0) std::memcpy(bytes_.data() + position_, buf, n);
-    if (record_) {
-      writes.push_back({position_, n});
-      snapshots.push_back(bytes_);
-    }
-    position_ += n;
-  }
-  void flush_file_buffers() override {}
-  ThreadingSupport threading_support() const override { return {}; }
-
-  const Bytes& bytes() const { return bytes_; }
-
-  std::vector<Write> writes;
-  std::vector<Bytes> snapshots;
-
- private:
-  Bytes bytes_;
-  std::uint64_t position_ = 0;
-  bool record_;
-};
+using MemoryAccess = Tarn::testing::MemoryFile;
 
 struct WriteCase {
   const char* name;
@@ -219,7 +173,7 @@ TEST(ChunkedSegment, FramesAndIndexSitAtTheirOffsets) {
   segment.append(data);
   EXPECT_EQ(segment.finish(), 88u);
 
-  const std::span<const std::byte> bytes(file.bytes());
+  const std::span<const std::byte> bytes(file.bytes);
   ASSERT_EQ(bytes.size(), kDataPosition + 88);
   // A full chunk of 3 samples, then the last one of 1 sample, whose count was patched.
   const std::uint64_t frames[] = {kDataPosition, kDataPosition + 46};
@@ -251,7 +205,7 @@ TEST(ChunkedSegment, EdgesOfWriting) {
   ChunkedSegment empty(scratch, 0, plain(4, 10));
   empty.append({});
   EXPECT_EQ(empty.finish(), 0u);
-  EXPECT_TRUE(scratch.bytes().empty());
+  EXPECT_TRUE(scratch.bytes.empty());
   EXPECT_EQ(chunk_index(empty), "");
   EXPECT_EQ(ChunkedSegment::from_index(scratch, 0, 0, 0, "", plain(4, 10))->committed_samples(),
             0u);
@@ -351,7 +305,7 @@ TEST(ChunkedSegment, WalkStopsAtForeignBytesAndAtTheSampleLimit) {
   ChunkedSegment writer(file, 0, layout);
   writer.append(pattern(20));
   writer.finish();
-  const Bytes written = file.bytes();
+  const Bytes written = file.bytes;
 
   // Chunks of 4, 4 and 2 samples: a limit of 9 samples takes the first two.
   auto limited = ChunkedSegment::from_frames(file, 0, written.size(), 9, layout);
@@ -397,7 +351,7 @@ TEST(ChunkedSegment, IndexThatLiesIsRefused) {
   ChunkedSegment writer(written, 0, layout);
   writer.append(pattern(20));
   ASSERT_EQ(writer.finish(), 140u);
-  Bytes good = written.bytes();
+  Bytes good = written.bytes;
   const Bytes trailer = pattern(40, 9);
   good.insert(good.end(), trailer.begin(), trailer.end());
 
@@ -601,17 +555,17 @@ TEST(ChunkedSegment, DamagedCompressedChunksAreReported) {
   };
 
   // Deflate data that lies, a flush index that lies.
-  Bytes flipped = written.bytes();
+  Bytes flipped = written.bytes;
   // The first block header behind the zlib header: final, of the reserved type 3.
   flipped[second.frame_offset + kChunkHeaderSize + kZlibHeaderSize] = std::byte{0xFF};
   expect_damage(flipped, "Damaged compressed data: ");
-  Bytes bad_index = written.bytes();
+  Bytes bad_index = written.bytes;
   const std::uint64_t index_at = second.frame_offset + kChunkHeaderSize + second.stored_length;
   put_u64(bad_index, index_at, 1);
   expect_damage(bad_index, "Damaged flush index: ");
 
   // An index length that reaches into the next frame is caught by the frames' layout.
-  Bytes long_index = written.bytes();
+  Bytes long_index = written.bytes;
   put_u64(long_index, second.frame_offset + kChunkIndexLengthOffset, second.index_length + 1);
   MemoryAccess file(long_index);
   EXPECT_THROW_MESSAGE(ChunkedSegment::from_index(file, 0, length, 150, index, layout), TarnError,
@@ -631,7 +585,7 @@ TEST(ChunkedSegment, ChunkChecksumsCatchDamageThatInflates) {
   const std::uint64_t length = writer.finish();
   const auto entries = writer.record_entries();
   ASSERT_EQ(entries.size(), 2u);
-  Bytes bytes = written.bytes();
+  Bytes bytes = written.bytes;
   const auto plain_at = data.begin() + 140;
   const auto stored_at = std::search(bytes.begin(), bytes.end(), plain_at, plain_at + 8);
   ASSERT_NE(stored_at, bytes.end());
