@@ -1023,47 +1023,20 @@ TEST(DamagedFileCorpus, DISABLED_WriteFuzzCorpus) {
                      file->close();
                    }));
   // One or two of each kind of damage; the fuzz engine finds the neighbours.
-  const std::set<std::string> chosen{"magic_first_ff",
-                                     "version_3",
-                                     "version_2_as_1",
-                                     "version_1_as_2",
-                                     "description_length_all_ones",
-                                     "metadata_position_0",
-                                     "metadata_position_behind_end",
-                                     "metadata_position_in_header",
-                                     "metadata_key_length_all_ones",
-                                     "metadata_value_length_all_ones",
-                                     "metadata_end_mark_missing",
-                                     "first_stack_behind_end",
-                                     "first_stack_in_header",
-                                     "chain_loops_to_first",
-                                     "chain_loops_to_itself",
-                                     "chain_into_own_data",
-                                     "chain_into_later_data",
-                                     "stack_magic",
-                                     "rank_16",
-                                     "size_all_ones",
-                                     "type_unknown_3",
-                                     "type_same_size",
-                                     "compression_2",
-                                     "compression_zlib_on_plain",
-                                     "name_length_all_ones",
-                                     "data_flag_0_with_data",
-                                     "data_length_0_with_data",
-                                     "data_length_all_ones",
-                                     "data_length_on_dataless",
-                                     "minimum_reader_version_8",
-                                     "record_length_all_ones",
-                                     "record_entry_length_all_ones",
-                                     "stack_info_not_json",
-                                     "record_missing",
-                                     "info_deep_lists",
-                                     "axes_one_too_many",
-                                     "unit_unknown",
-                                     "tag_prop_huge_size",
-                                     "tag_prop_too_deep",
-                                     "record_unknown_entry",
-                                     "reader_version_1_byte"};
+  std::set<std::string> chosen;
+  std::istringstream names(
+      "magic_first_ff version_3 version_2_as_1 version_1_as_2 description_length_all_ones "
+      "metadata_position_0 metadata_position_behind_end metadata_position_in_header "
+      "metadata_key_length_all_ones metadata_value_length_all_ones metadata_end_mark_missing "
+      "first_stack_behind_end first_stack_in_header chain_loops_to_first "
+      "chain_loops_to_itself chain_into_own_data chain_into_later_data stack_magic rank_16 "
+      "size_all_ones type_unknown_3 type_same_size compression_2 compression_zlib_on_plain "
+      "name_length_all_ones data_flag_0_with_data data_length_0_with_data "
+      "data_length_all_ones data_length_on_dataless minimum_reader_version_8 "
+      "record_length_all_ones record_entry_length_all_ones stack_info_not_json record_missing "
+      "info_deep_lists axes_one_too_many unit_unknown tag_prop_huge_size tag_prop_too_deep "
+      "record_unknown_entry reader_version_1_byte");
+  for (std::string name; names >> name;) chosen.insert(name);
   std::vector<Variant> variants = targeted_variants();
   for (Variant& variant : crafted_records()) variants.push_back(std::move(variant));
   std::size_t written = 0;

@@ -20,12 +20,14 @@
 #include "tarnio/testing/expect_throw_message.h"
 #include "tarnio/testing/file_bytes.h"
 #include "tarnio/testing/file_size_limit.h"
+#include "tarnio/testing/stack_samples.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf {
 namespace {
 
 using Mode = DiskFile::Mode;
+using Tarn::testing::read_all_samples;
 using Tarn::testing::read_file_bytes;
 using Tarn::testing::TempDir;
 using Tarn::testing::write_file_bytes;
@@ -85,12 +87,6 @@ std::shared_ptr<StackImp> add_ramp(FileInterface& file, std::size_t n, std::uint
   stack->write(std::span<const std::uint16_t>(v));
   stack->commit();
   return stack;
-}
-
-std::vector<std::uint16_t> read_all(StackImp& stack) {
-  std::vector<std::uint16_t> v(stack.number_of_elements());
-  stack.read(0, std::span<std::uint16_t>(v));
-  return v;
 }
 
 // The positions of the chain as the files' bytes say: first-stack field, then offset 360.
@@ -291,7 +287,7 @@ TEST(FileChain, StacksAreLinkedInTheOrderTheyAreWritten) {
     SCOPED_TRACE(i);
     EXPECT_EQ(back->stack(i)->position(), chain[i]);
     EXPECT_EQ(back->stack(i)->name(), names[i]);
-    EXPECT_EQ(read_all(*back->stack(i)), ramp(sizes[i], starts[i]));
+    EXPECT_EQ(read_all_samples(*back->stack(i)), ramp(sizes[i], starts[i]));
   }
   // seek_stack moves to a stack's header and says where that is.
   for (std::size_t i : {2u, 0u, 1u}) {
@@ -338,8 +334,8 @@ TEST(FileChain, AppendLinksFromTheLastStack) {
 
   auto back = open_file(path, Mode::read);
   ASSERT_EQ(back->number_of_stacks(), 3u);
-  EXPECT_EQ(read_all(*back->stack(0)), ramp(4, 10));
-  EXPECT_EQ(read_all(*back->stack(2)), ramp(6, 30));
+  EXPECT_EQ(read_all_samples(*back->stack(0)), ramp(4, 10));
+  EXPECT_EQ(read_all_samples(*back->stack(2)), ramp(6, 30));
   EXPECT_EQ(back->metadata().at("ome_xml"), "<OME/>");
 }
 
@@ -356,7 +352,7 @@ TEST(FileChain, AppendToAFileWithoutStacksLinksFromTheHeader) {
   auto back = open_file(path, Mode::read);
   ASSERT_EQ(back->number_of_stacks(), 2u);
   EXPECT_EQ(back->description(), "none yet");
-  EXPECT_EQ(read_all(*back->stack(1)), ramp(2, 9));
+  EXPECT_EQ(read_all_samples(*back->stack(1)), ramp(2, 9));
 }
 
 // A version-1 file: its first stack follows the description directly, it has no metadata
@@ -382,7 +378,7 @@ TEST(FileChain, VersionOneFileReadsAndTakesNewStacks) {
   EXPECT_EQ(file->format_version(), 1u);
   ASSERT_EQ(file->number_of_stacks(), 1u);
   EXPECT_EQ(file->stack(0)->position(), 29u);
-  EXPECT_EQ(read_all(*file->stack(0)), ramp(5, 40));
+  EXPECT_EQ(read_all_samples(*file->stack(0)), ramp(5, 40));
   file->close();
 
   file->open(path, Mode::append);
@@ -399,7 +395,7 @@ TEST(FileChain, VersionOneFileReadsAndTakesNewStacks) {
   EXPECT_EQ(back->format_version(), 1u);
   ASSERT_EQ(back->number_of_stacks(), 2u);
   EXPECT_EQ(back->stack(1)->name(), "new");
-  EXPECT_EQ(read_all(*back->stack(1)), ramp(2, 50));
+  EXPECT_EQ(read_all_samples(*back->stack(1)), ramp(2, 50));
 }
 
 TEST(FileChain, UnfinishedStackIsDroppedAtClose) {
@@ -425,7 +421,7 @@ TEST(FileChain, UnfinishedStackIsDroppedAtClose) {
     ASSERT_EQ(back->number_of_stacks(), with_committed ? 1u : 0u);
     if (with_committed) {
       EXPECT_EQ(u64_at(bytes, back->stack(0)->position() + kNextField), 0u);
-      EXPECT_EQ(read_all(*back->stack(0)), ramp(4, 1));
+      EXPECT_EQ(read_all_samples(*back->stack(0)), ramp(4, 1));
     } else {
       EXPECT_EQ(u64_at(bytes, 14), 0u);
     }
@@ -450,7 +446,7 @@ TEST(FileChain, StackAfterACancelledOneTakesItsLink) {
   auto back = open_file(path, Mode::read);
   ASSERT_EQ(back->number_of_stacks(), 2u);
   EXPECT_EQ(back->stack(0)->next_position(), back->stack(1)->position());
-  EXPECT_EQ(read_all(*back->stack(1)), ramp(2, 5));
+  EXPECT_EQ(read_all_samples(*back->stack(1)), ramp(2, 5));
 }
 
 // A file of two 16-sample stacks and one metadata entry at `path`; returns its bytes.
@@ -516,7 +512,7 @@ TEST(FileWrite, FailedCloseReleasesTheFile) {
     EXPECT_THROW(file->close(), TarnError);
   }
   EXPECT_FALSE(file->is_open());
-  EXPECT_THROW_MESSAGE(read_all(*stack), std::runtime_error,
+  EXPECT_THROW_MESSAGE(read_all_samples(*stack), std::runtime_error,
                        "Cannot access File_Stack, file has been closed.");
   EXPECT_THROW_MESSAGE(open_file(path, Mode::read), std::runtime_error,
                        "File incomplete. Metadata missing.");
@@ -543,7 +539,7 @@ TEST(FileChain, UnfinishedAppendLeavesTheOldChainAsItWas) {
   EXPECT_EQ(chain_of(after), chain_of(before));
   auto back = open_file(path, Mode::read);
   ASSERT_EQ(back->number_of_stacks(), 1u);
-  EXPECT_EQ(read_all(*back->stack(0)), ramp(4, 1));
+  EXPECT_EQ(read_all_samples(*back->stack(0)), ramp(4, 1));
 }
 
 }  // namespace
