@@ -428,27 +428,6 @@ TEST(FileChain, UnfinishedStackIsDroppedAtClose) {
   }
 }
 
-TEST(FileChain, StackAfterACancelledOneTakesItsLink) {
-  TempDir dir;
-  const fs::path path = dir / "f.tbf";
-  auto file = create_file();
-  file->open(path, Mode::write);
-  add_ramp(*file, 3, 1);
-  auto cancelled = file->add_stack(Tarn::dt::uint16, {4});
-  cancelled->set_progress_callback([](std::uint64_t, std::uint64_t) { return false; });
-  const std::vector<std::uint16_t> v = ramp(4, 0);
-  EXPECT_THROW_MESSAGE(cancelled->write(std::span<const std::uint16_t>(v)), std::runtime_error,
-                       "Cancelled by user.");
-  add_ramp(*file, 2, 5);
-  EXPECT_EQ(file->number_of_stacks(), 2u);
-  file->close();
-
-  auto back = open_file(path, Mode::read);
-  ASSERT_EQ(back->number_of_stacks(), 2u);
-  EXPECT_EQ(back->stack(0)->next_position(), back->stack(1)->position());
-  EXPECT_EQ(read_all_samples(*back->stack(1)), ramp(2, 5));
-}
-
 // A file of two 16-sample stacks and one metadata entry at `path`; returns its bytes.
 std::string two_stack_file(const fs::path& path) {
   auto file = create_file();
@@ -518,28 +497,35 @@ TEST(FileWrite, FailedCloseReleasesTheFile) {
                        "File incomplete. Metadata missing.");
 }
 
-TEST(FileChain, UnfinishedAppendLeavesTheOldChainAsItWas) {
+// A cancelled stack, in a new file or an append, leaves the chain as it was; the next stack
+// takes its link.
+TEST(FileChain, StackAfterACancelledOneTakesItsLink) {
   TempDir dir;
   const fs::path path = dir / "f.tbf";
-  {
+  for (const Mode mode : {Mode::write, Mode::append}) {
+    SCOPED_TRACE(mode == Mode::write ? "write" : "append");
     auto file = create_file();
-    file->open(path, Mode::write);
-    add_ramp(*file, 4, 1);
+    file->open(path, mode);
+    if (mode == Mode::write) add_ramp(*file, 3, 1);
+    // Committed stacks before the cancelled one.
+    const std::vector<std::uint64_t> chain = chain_of(read_file_bytes(path));
+    auto cancelled = file->add_stack(Tarn::dt::uint16, {4});
+    cancelled->set_progress_callback([](std::uint64_t, std::uint64_t) { return false; });
+    const std::vector<std::uint16_t> v = ramp(4, 0);
+    EXPECT_THROW_MESSAGE(cancelled->write(std::span<const std::uint16_t>(v)), std::runtime_error,
+                         "Cancelled by user.");
+    add_ramp(*file, 2, 5);
     file->close();
-  }
-  const std::string before = read_file_bytes(path);
-  auto file = open_file(path, Mode::append);
-  auto cancelled = file->add_stack(Tarn::dt::uint16, {4});
-  cancelled->set_progress_callback([](std::uint64_t, std::uint64_t) { return false; });
-  const std::vector<std::uint16_t> v = ramp(4, 0);
-  EXPECT_THROW(cancelled->write(std::span<const std::uint16_t>(v)), std::runtime_error);
-  file->close();
 
-  const std::string after = read_file_bytes(path);
-  EXPECT_EQ(chain_of(after), chain_of(before));
-  auto back = open_file(path, Mode::read);
-  ASSERT_EQ(back->number_of_stacks(), 1u);
-  EXPECT_EQ(read_all_samples(*back->stack(0)), ramp(4, 1));
+    auto back = open_file(path, Mode::read);
+    ASSERT_EQ(back->number_of_stacks(), chain.size() + 1);
+    std::vector<std::uint64_t> expected = chain;
+    expected.push_back(back->stack(chain.size())->position());
+    EXPECT_EQ(chain_of(read_file_bytes(path)), expected);
+    EXPECT_EQ(read_all_samples(*back->stack(0)), ramp(3, 1));
+    EXPECT_EQ(back->stack(0)->next_position(), back->stack(1)->position());
+    EXPECT_EQ(read_all_samples(*back->stack(1)), ramp(2, 5));
+  }
 }
 
 }  // namespace
