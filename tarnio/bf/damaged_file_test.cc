@@ -718,6 +718,8 @@ std::vector<Variant> targeted_variants() {
   u64("data_length_all_ones", cells_at + kDataLengthOffset, ~0ULL, data_behind_end);
   u64("data_length_2_pow_40", last.position + kDataLengthOffset, std::uint64_t{1} << 40,
       data_behind_end);
+  u64("data_length_one_past_end", last.position + kDataLengthOffset, size - last.data_position + 1,
+      data_behind_end);
   u64("data_length_one_short", cells_at + kDataLengthOffset, cells.data_length - 1, shape_mismatch);
   u64("data_length_one_more", cells_at + kDataLengthOffset, cells.data_length + 1, shape_mismatch);
   u64("data_length_on_dataless", layout.stacks[3].position + kDataLengthOffset, 255,
