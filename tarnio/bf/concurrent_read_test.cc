@@ -9,22 +9,13 @@
 #include <vector>
 
 #include "tarnio/bf/file_interface.h"
+#include "tarnio/testing/stack_samples.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf {
 namespace {
 
 constexpr std::uint64_t kSamples = 128 * 96 * 8;
-
-std::vector<std::uint16_t> samples_of(std::uint64_t seed) {
-  std::vector<std::uint16_t> samples(kSamples);
-  std::uint32_t x = static_cast<std::uint32_t>(seed) * 2654435761u + 7;
-  for (auto& sample : samples) {
-    x = x * 1664525u + 1013904223u;
-    sample = static_cast<std::uint16_t>(200 + (x >> 27) + seed);
-  }
-  return samples;
-}
 
 // Stack `i`, plain, compressed or compressed chunk-wise, written in 8 pieces; between two of
 // them, `between` runs.
@@ -34,7 +25,7 @@ void add_stack(FileInterface& file, std::uint64_t i, Between&& between) {
   if (i % 3 != 0) stack->set_compression(StackImp::Compression::zlib, 3);
   if (i % 3 == 2) stack->set_variable_last_dimension(true);
   stack->set_flush_block_size(10000);
-  const auto samples = samples_of(i);
+  const auto samples = Tarn::testing::numbered_samples(i, kSamples);
   for (std::uint64_t p = 0; p < 8; ++p) {
     stack->write(std::span<const std::uint16_t>(samples.data() + p * kSamples / 8, kSamples / 8));
     between();
@@ -65,7 +56,7 @@ TEST(ConcurrentReads, EightThreadsReadRandomRangesAsOneThreadDoes) {
         const std::uint64_t first = random() % kSamples;
         std::vector<std::uint16_t> got(1 + random() % (kSamples - first));
         file->stack(i)->read(first, std::span(got));
-        const auto expected = samples_of(i);
+        const auto expected = Tarn::testing::numbered_samples(i, kSamples);
         wrong += !std::equal(got.begin(), got.end(), expected.begin() + static_cast<long>(first));
       }
     });

@@ -7,9 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -19,34 +17,19 @@
 #include "tarnio/bf/internal/stack_record.h"
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/errors/tarn_error.h"
+#include "tarnio/testing/file_bytes.h"
+#include "tarnio/testing/stack_samples.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf {
 namespace {
 
 namespace fs = std::filesystem;
+using Tarn::testing::numbered_samples;
 using Tarn::testing::TempDir;
 using Mode = DiskFile::Mode;
 using Compression = StackImp::Compression;
 using Bytes = std::string;
-
-Bytes slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void spill(const fs::path& path, const Bytes& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-std::vector<std::uint16_t> samples_of(std::uint64_t count, std::uint32_t seed) {
-  std::vector<std::uint16_t> samples(count);
-  for (auto& sample : samples) {
-    seed = seed * 1664525u + 1013904223u;
-    sample = static_cast<std::uint16_t>(100 + (seed >> 27) + ((seed >> 20) & 1) * 900);
-  }
-  return samples;
-}
 
 // A file of three stacks: one zlib stream with many flush blocks, compressed chunks, and a
 // growing plain stack.
@@ -56,16 +39,16 @@ void write_good_file(const fs::path& path) {
   auto zipped = file->add_stack(Tarn::dt::uint16, {64, 64, 8});
   zipped->set_compression(Compression::zlib, 1);
   zipped->set_flush_block_size(4096);
-  zipped->write(std::span<const std::uint16_t>(samples_of(64 * 64 * 8, 1)));
+  zipped->write(std::span<const std::uint16_t>(numbered_samples(1, 64 * 64 * 8)));
   zipped->commit();
   auto chunked = file->add_stack(Tarn::dt::uint16, {32, 32, 6});
   chunked->set_compression(Compression::zlib, 6);
   chunked->set_chunk_wise(true, 2 * 32 * 32);
-  chunked->write(std::span<const std::uint16_t>(samples_of(32 * 32 * 6, 2)));
+  chunked->write(std::span<const std::uint16_t>(numbered_samples(2, 32 * 32 * 6)));
   chunked->commit();
   auto growing = file->add_stack(Tarn::dt::uint16, {16, 16, 0});
   growing->set_variable_last_dimension(true);
-  growing->write(std::span<const std::uint16_t>(samples_of(16 * 16 * 5, 3)));
+  growing->write(std::span<const std::uint16_t>(numbered_samples(3, 16 * 16 * 5)));
   growing->commit();
   file->close();
 }
@@ -145,7 +128,7 @@ TEST(DamagedCompressedFile, EveryLieGivesItsMessage) {
   const fs::path good = dir / "good.tbf";
   write_good_file(good);
   ASSERT_EQ(open_and_read(good), "");
-  const Bytes bytes = slurp(good);
+  const Bytes bytes = Tarn::testing::read_file_bytes(good);
   const std::vector<StackPlace> stacks = places(good);
   ASSERT_EQ(stacks.size(), 3u);
   using internal::RecordKey;
@@ -209,7 +192,7 @@ TEST(DamagedCompressedFile, EveryLieGivesItsMessage) {
   for (const Damage& damage : damages) {
     Bytes copy = bytes;
     damage.apply(copy, stacks);
-    spill(damaged, copy);
+    Tarn::testing::write_file_bytes(damaged, copy);
     const std::string message = open_and_read(damaged);
     EXPECT_EQ(message.rfind(damage.message, 0), 0u) << damage.name << ": " << message;
     // Read as an unfinished file, the same bytes fail or read, but never crash.
@@ -221,10 +204,10 @@ TEST(DamagedCompressedFile, TruncatedAnywhereFailsOrShowsWhatIsWhole) {
   TempDir dir;
   const fs::path good = dir / "good.tbf";
   write_good_file(good);
-  const Bytes bytes = slurp(good);
+  const Bytes bytes = Tarn::testing::read_file_bytes(good);
   const fs::path damaged = dir / "cut.tbf";
   for (std::uint64_t size = 0; size < bytes.size(); size += 1 + size / 16) {
-    spill(damaged, bytes.substr(0, size));
+    Tarn::testing::write_file_bytes(damaged, bytes.substr(0, size));
     EXPECT_NE(open_and_read(damaged), "") << "cut at " << size;
     // What an unfinished file shows reads back intact.
     const std::string unfinished = open_and_read(damaged, true);
@@ -240,19 +223,19 @@ TEST(DamagedCompressedFile, DISABLED_WriteFuzzCorpus) {
   if (directory == nullptr) GTEST_SKIP() << "TARNIO_TBF_CORPUS_DIR not set";
   const fs::path out(directory);
   write_good_file(out / "good_compressed_and_chunked.tbf");
-  const Bytes bytes = slurp(out / "good_compressed_and_chunked.tbf");
+  const Bytes bytes = Tarn::testing::read_file_bytes(out / "good_compressed_and_chunked.tbf");
   const std::vector<StackPlace> stacks = places(out / "good_compressed_and_chunked.tbf");
   // The file as a writer leaves it mid-way: no metadata block, the last stack growing.
   Bytes unfinished = bytes.substr(0, stacks[2].data_position + stacks[2].data_length);
   put_u64(unfinished, stacks[2].position + internal::kDataLengthOffset, 0);
   put_u64(unfinished, 26, 0);
-  spill(out / "unfinished_growing.tbf", unfinished);
+  Tarn::testing::write_file_bytes(out / "unfinished_growing.tbf", unfinished);
   Bytes seven = bytes;
   seven[stacks[0].position + internal::kCompressionTypeOffset] = 7;
-  spill(out / "compression_7.tbf", seven);
+  Tarn::testing::write_file_bytes(out / "compression_7.tbf", seven);
   Bytes flipped = bytes;
   flipped[stacks[0].data_position + stacks[0].data_length / 2] ^= 0x21;
-  spill(out / "compressed_byte_flipped.tbf", flipped);
+  Tarn::testing::write_file_bytes(out / "compressed_byte_flipped.tbf", flipped);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -19,6 +18,7 @@
 
 #include "tarnio/errors/tarn_error.h"
 #include "tarnio/testing/expect_throw_message.h"
+#include "tarnio/testing/file_size_limit.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf {
@@ -40,23 +40,6 @@ std::string read_file(const std::filesystem::path& path) {
 }
 
 bool is_open_descriptor(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
-
-// Lowers the soft limit on the size of files this process writes, and ignores the signal that
-// crossing it raises, until destroyed.
-struct FileSizeLimit {
-  explicit FileSizeLimit(rlim_t bytes) : handler(std::signal(SIGXFSZ, SIG_IGN)) {
-    ::getrlimit(RLIMIT_FSIZE, &saved);
-    rlimit lowered = saved;
-    lowered.rlim_cur = bytes;
-    ::setrlimit(RLIMIT_FSIZE, &lowered);
-  }
-  ~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &saved);
-    std::signal(SIGXFSZ, handler);
-  }
-  void (*handler)(int);
-  rlimit saved{};
-};
 
 TEST(DiskFileModes, WriteTruncatesAndAppendKeepsContents) {
   TempDir dir;
@@ -207,7 +190,7 @@ TEST(DiskFileTransfers, WriteCutShortByTheFileSizeLimitSaysNotEnoughSpace) {
   const auto path = dir / "data.tbf";
   {
     DiskFile file(path, Mode::write);
-    const FileSizeLimit limit(10);
+    const Tarn::testing::FileSizeLimit limit(10);
     const std::string text(16, 'x');
     EXPECT_THROW_MESSAGE(file.write(text.data(), text.size()), TarnError,
                          "Failed writing 16 bytes to file: Not enough space.");

@@ -19,37 +19,23 @@
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/json/value.h"
 #include "tarnio/testing/expect_throw_message.h"
+#include "tarnio/testing/stack_samples.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf {
 namespace {
 
+using Tarn::testing::numbered_samples;
+using Tarn::testing::read_all_samples;
 using Tarn::testing::TempDir;
 using Mode = DiskFile::Mode;
 using Compression = StackImp::Compression;
-
-std::vector<std::uint16_t> samples_of(std::uint64_t stack, std::uint64_t count) {
-  std::vector<std::uint16_t> samples(count);
-  std::uint32_t x = static_cast<std::uint32_t>(stack) * 2654435761u + 1;
-  for (auto& sample : samples) {
-    x = x * 1664525u + 1013904223u;
-    // Smooth enough to compress, noisy enough to need real deflate blocks.
-    sample = static_cast<std::uint16_t>(100 + (x >> 28) + (stack & 0xFF));
-  }
-  return samples;
-}
-
-std::vector<std::uint16_t> read_all(StackImp& stack) {
-  std::vector<std::uint16_t> samples(stack.number_of_elements());
-  if (!samples.empty()) stack.read(0, std::span<std::uint16_t>(samples));
-  return samples;
-}
 
 // Stack `i` of the kill loop: plain, compressed or growing chunk-wise in turn, of 1 to 4
 // planes.
 void add_numbered_stack(FileInterface& file, std::uint64_t i) {
   const std::uint64_t planes = 1 + i % 4;
-  const auto samples = samples_of(i, 128 * 96 * planes);
+  const auto samples = numbered_samples(i, 128 * 96 * planes);
   auto stack = file.add_stack(Tarn::dt::uint16, {128, 96, planes});
   stack->set_name("stack " + std::to_string(i));
   if (i % 3 == 1) stack->set_compression(Compression::zlib, static_cast<std::uint32_t>(1 + i % 9));
@@ -98,8 +84,8 @@ void expect_numbered_stacks(FileInterface& file, std::uint64_t committed) {
         EXPECT_EQ(i % 3, 2u);
       }
     }
-    const auto expected = samples_of(i, 128 * 96 * full);
-    const auto got = read_all(*stack);
+    const auto expected = numbered_samples(i, 128 * 96 * full);
+    const auto got = read_all_samples(*stack);
     EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.begin())) << "stack " << i;
   }
 }
@@ -186,7 +172,7 @@ TEST(RecoverFile, EveryStackCommittedBeforeAKillComesBackBitExact) {
 TEST(CompactFile, DropsReservedSpaceAndOldMetadataAndRecompresses) {
   TempDir dir;
   const auto path = dir / "loose.tbf";
-  const auto samples = samples_of(5, 512 * 512);
+  const auto samples = numbered_samples(5, 512 * 512);
   {
     auto file = Tarn::create_file();
     file->open(path, Mode::write);
@@ -220,7 +206,7 @@ TEST(CompactFile, DropsReservedSpaceAndOldMetadataAndRecompresses) {
     EXPECT_EQ(file->metadata(), original->metadata());
     ASSERT_EQ(file->number_of_stacks(), 2u);
     for (std::size_t i = 0; i < 2; ++i) {
-      EXPECT_EQ(read_all(*file->stack(i)), samples);
+      EXPECT_EQ(read_all_samples(*file->stack(i)), samples);
       EXPECT_EQ(file->stack(i)->shape(), original->stack(i)->shape());
     }
     EXPECT_EQ(std::get<JSON::Value>(file->stack(1)->tag("exposure")), JSON::Value(0.25));

@@ -14,11 +14,13 @@
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/bf/stack_imp.h"
 #include "tarnio/testing/expect_throw_message.h"
+#include "tarnio/testing/stack_samples.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf {
 namespace {
 
+using Tarn::testing::read_all_samples;
 using Tarn::testing::TempDir;
 using Mode = DiskFile::Mode;
 using Compression = StackImp::Compression;
@@ -29,12 +31,6 @@ std::vector<std::uint16_t> slice_samples(std::uint64_t slice, std::uint64_t elem
   for (std::uint64_t j = 0; j < elements; ++j) {
     samples[j] = static_cast<std::uint16_t>(slice * 7919 + j * 31 + (j >> 7));
   }
-  return samples;
-}
-
-std::vector<std::uint16_t> read_all(StackImp& stack) {
-  std::vector<std::uint16_t> samples(stack.number_of_elements());
-  stack.read(0, std::span<std::uint16_t>(samples));
   return samples;
 }
 
@@ -85,7 +81,7 @@ TEST_P(ChunkWise, FixedAndGrowingStacksReadBackAsWritten) {
     EXPECT_EQ(stack->shape(), (std::vector<std::uint64_t>{24, 10, slices}));
     EXPECT_TRUE(stack->is_chunk_wise());
     EXPECT_EQ(stack->chunk_samples(), std::max<std::uint64_t>(param.chunk_slices, 1) * slice);
-    EXPECT_EQ(read_all(*stack), all);
+    EXPECT_EQ(read_all_samples(*stack), all);
     // A range across chunk boundaries.
     std::vector<std::uint16_t> part(slice + 17);
     stack->read(slice * 2 - 5, std::span<std::uint16_t>(part));
@@ -190,7 +186,7 @@ TEST(ReserveSpace, ReservedStacksAreSparseUntilWrittenAndReadBack) {
   file->close();
 
   auto read = Tarn::open_file(path, Mode::read);
-  EXPECT_EQ(read_all(*read->stack(0)), all);
+  EXPECT_EQ(read_all_samples(*read->stack(0)), all);
   EXPECT_EQ(read->stack(1)->number_of_elements(), 3u);
 }
 
@@ -219,7 +215,7 @@ TEST(UnfinishedFile, ShowsCommittedStacksAndChunks) {
     auto stack = reader->stack(1);
     EXPECT_TRUE(stack->is_unfinished());
     EXPECT_EQ(stack->shape(), (std::vector<std::uint64_t>{32, 4, 3}));
-    EXPECT_EQ(read_all(*stack), expected_slices(3, slice));
+    EXPECT_EQ(read_all_samples(*stack), expected_slices(3, slice));
   }
   growing->write(std::span<const std::uint16_t>(slice_samples(3, slice / 2)));
   growing->commit();
@@ -288,7 +284,7 @@ TEST(UnfinishedFile, ASecondProcessFollowsAGrowingStack) {
       auto stack = reader->stack(0);
       EXPECT_EQ(stack->shape().back(), committed) << "after event " << event;
       if (stack->shape().back() == committed) {
-        EXPECT_EQ(read_all(*stack), expected_slices(committed, slice));
+        EXPECT_EQ(read_all_samples(*stack), expected_slices(committed, slice));
       }
     }
     if (::write(to_writer[1], "g", 1) != 1) break;
@@ -299,7 +295,7 @@ TEST(UnfinishedFile, ASecondProcessFollowsAGrowingStack) {
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
   auto file = Tarn::open_file(path, Mode::read);
-  EXPECT_EQ(read_all(*file->stack(0)), expected_slices(slices, slice));
+  EXPECT_EQ(read_all_samples(*file->stack(0)), expected_slices(slices, slice));
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/errors/tarn_error.h"
 #include "tarnio/testing/expect_throw_message.h"
+#include "tarnio/testing/memory_file.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf::internal {
@@ -70,54 +71,7 @@ std::string chunk_index(const ChunkedSegment& segment) {
   return entries.at(0).second;
 }
 
-// A DiskFileAccess over bytes in memory that refuses to read past its end, like a file cut
-// there, and can keep a copy of itself after every write: the states a killed writer leaves.
-class MemoryAccess final : public DiskFileAccess {
- public:
-  struct Write {
-    std::uint64_t position;
-    std::uint64_t size;
-  };
-
-  explicit MemoryAccess(Bytes bytes = {}, bool record = false)
-      : bytes_(std::move(bytes)), record_(record) {}
-
-  bool is_open_for_reading() const override { return true; }
-  bool is_open_for_writing() const override { return true; }
-  std::uint64_t tell() const override { return position_; }
-  std::uint64_t seek(std::uint64_t pos) override {
-    position_ = pos == kNpos ? bytes_.size() : pos;
-    return position_;
-  }
-  void read(void* buf, std::uint64_t n) override {
-    if (position_ > bytes_.size() || n > bytes_.size() - position_) {
-      throw TarnError()("Failed reading past the cut.");
-    }
-    if (n != 0) std::memcpy(buf, bytes_.data() + position_, n);
-    position_ += n;
-  }
-  void write(const void* buf, std::uint64_t n) override {
-    if (position_ + n > bytes_.size()) bytes_.resize(position_ + n);
-    if (n != 0) std::memcpy(bytes_.data() + position_, buf, n);
-    if (record_) {
-      writes.push_back({position_, n});
-      snapshots.push_back(bytes_);
-    }
-    position_ += n;
-  }
-  void flush_file_buffers() override {}
-  ThreadingSupport threading_support() const override { return {}; }
-
-  const Bytes& bytes() const { return bytes_; }
-
-  std::vector<Write> writes;
-  std::vector<Bytes> snapshots;
-
- private:
-  Bytes bytes_;
-  std::uint64_t position_ = 0;
-  bool record_;
-};
+using MemoryAccess = Tarn::testing::MemoryFile;
 
 struct WriteCase {
   const char* name;
@@ -126,47 +80,73 @@ struct WriteCase {
   std::uint64_t samples;
   // Byte counts of the appends, used in turn until the data is written.
   std::vector<std::size_t> pieces;
+  std::optional<ZlibSettings> zlib;
 };
 
 const std::vector<WriteCase> kWriteCases = {
-    {"ChunksDivideTheData", 2, 8, 32, {16}},
-    {"OddPiecesCrossChunkBoundaries", 2, 7, 30, {5, 3, 11}},
-    {"OneAppendSpansManyChunks", 4, 3, 25, {1000}},
-    {"OneSamplePerChunk", 1, 1, 9, {2}},
-    {"ChunkLargerThanTheData", 8, 100, 10, {7}},
-    {"WideElementsInSmallPieces", 16, 5, 13, {1, 17, 64}},
+    {"ChunksDivideTheData", 2, 8, 32, {16}, {}},
+    {"OddPiecesCrossChunkBoundaries", 2, 7, 30, {5, 3, 11}, {}},
+    {"OneAppendSpansManyChunks", 4, 3, 25, {1000}, {}},
+    {"OneSamplePerChunk", 1, 1, 9, {2}, {}},
+    {"ChunkLargerThanTheData", 8, 100, 10, {7}, {}},
+    {"WideElementsInSmallPieces", 16, 5, 13, {1, 17, 64}, {}},
+    {"SeveralFlushBlocksPerChunk", 2, 100, 350, {300}, ZlibSettings{1, 64, {1, {}}}},
+    {"FlushBlockNotWholeElements", 4, 37, 100, {13, 333}, ZlibSettings{6, 50, {2, {}}}},
+    {"StoredLevelOneBlock", 2, 64, 200, {7}, ZlibSettings{0, std::uint64_t{4} << 20, {1, {}}}},
+    {"BestLevelFourThreads", 8, 16, 40, {1000}, ZlibSettings{9, 48, {4, {}}}},
 };
 
-// Writes `data` in the case's pieces; checks the file position after every call.
-void write_pieces(ChunkedSegment& segment, DiskFileAccess& file, const Bytes& data,
-                  const WriteCase& c) {
-  std::size_t at = 0;
-  for (std::size_t k = 0; at < data.size(); ++k) {
-    const std::size_t n = std::min(c.pieces[k % c.pieces.size()], data.size() - at);
-    segment.append(std::span(data).subspan(at, n));
-    at += n;
-    ASSERT_EQ(file.tell(), segment.end_position()) << "after " << at << " bytes";
+// Camera-like samples: a dark level with noise, so that the chunks compress but not to nothing.
+Bytes noisy(std::size_t n, std::uint32_t seed) {
+  std::mt19937 rng(seed);
+  Bytes bytes(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    bytes[i] = static_cast<std::byte>(i % 2 == 0 ? 100 + (rng() % 7) : 0);
   }
+  return bytes;
 }
 
-TEST(ChunkedSegment, PlainRoundTripsThroughWriterIndexAndFrames) {
+// What zlib alone makes of the stored bytes of a compressed chunk.
+Bytes inflated_chunk(DiskFile& file, std::uint64_t data_position, const Chunk& chunk,
+                     std::size_t plain_length) {
+  Bytes stored(chunk.stored_length);
+  file.seek(data_position + chunk.frame_offset + kChunkHeaderSize);
+  file.read(stored.data(), stored.size());
+  Bytes inflated(plain_length + 1);
+  uLongf inflated_length = static_cast<uLongf>(inflated.size());
+  EXPECT_EQ(
+      uncompress(reinterpret_cast<Bytef*>(inflated.data()), &inflated_length,
+                 reinterpret_cast<const Bytef*>(stored.data()), static_cast<uLong>(stored.size())),
+      Z_OK);
+  inflated.resize(inflated_length);
+  return inflated;
+}
+
+// Writes in the case's pieces, checking the file position after every call; each chunk full but
+// the last, frames back to back, a compressed one a zlib stream of exactly its samples with its
+// flush index. The writer, the index and a walk of the frames then read the same chunks and
+// every range that starts and ends inside and across chunks.
+TEST(ChunkedSegment, RoundTripsThroughWriterIndexAndFrames) {
   for (const WriteCase& c : kWriteCases) {
     SCOPED_TRACE(c.name);
     TempDir dir;
     DiskFile file(dir / "chunks.tbf", DiskFile::Mode::write);
-    const Bytes prefix = pattern(kDataPosition, 99);
-    file.write(prefix.data(), prefix.size());
-    const ChunkLayout layout = plain(c.element_size, c.chunk_samples);
-    const Bytes data = pattern(c.samples * c.element_size);
-
+    file.write(pattern(kDataPosition, 99).data(), kDataPosition);
+    const ChunkLayout layout{c.element_size, c.chunk_samples, c.zlib};
+    const Bytes data = c.zlib ? noisy(c.samples * c.element_size, c.zlib->level)
+                              : pattern(c.samples * c.element_size);
     ChunkedSegment writer(file, kDataPosition, layout);
-    write_pieces(writer, file, data, c);
+    for (std::size_t at = 0, k = 0; at < data.size(); ++k) {
+      const std::size_t n = std::min(c.pieces[k % c.pieces.size()], data.size() - at);
+      writer.append(std::span(data).subspan(at, n));
+      at += n;
+      ASSERT_EQ(file.tell(), writer.end_position()) << "after " << at << " bytes";
+    }
     const std::uint64_t length = writer.finish();
     EXPECT_EQ(file.tell(), kDataPosition + length);
     EXPECT_EQ(writer.end_position(), kDataPosition + length);
     EXPECT_EQ(writer.committed_samples(), c.samples);
 
-    // Every chunk full but the last, frames back to back.
     const std::uint64_t count = (c.samples + c.chunk_samples - 1) / c.chunk_samples;
     ASSERT_EQ(writer.chunks().size(), count);
     std::uint64_t frame = 0;
@@ -175,17 +155,31 @@ TEST(ChunkedSegment, PlainRoundTripsThroughWriterIndexAndFrames) {
       EXPECT_EQ(chunk.first_sample, i * c.chunk_samples);
       EXPECT_EQ(chunk.samples, std::min(c.chunk_samples, c.samples - i * c.chunk_samples));
       EXPECT_EQ(chunk.frame_offset, frame);
-      EXPECT_EQ(chunk.stored_length, chunk.samples * c.element_size);
-      EXPECT_EQ(chunk.index_length, 0u);
-      frame += kChunkHeaderSize + chunk.stored_length;
+      frame += kChunkHeaderSize + chunk.stored_length + chunk.index_length;
+      const std::size_t plain_length = chunk.samples * c.element_size;
+      if (!c.zlib) {
+        EXPECT_EQ(chunk.stored_length, plain_length);
+        EXPECT_EQ(chunk.index_length, 0u);
+        continue;
+      }
+      EXPECT_GT(chunk.index_length, 0u);
+      const auto begin =
+          data.begin() + static_cast<std::ptrdiff_t>(chunk.first_sample * c.element_size);
+      EXPECT_EQ(inflated_chunk(file, kDataPosition, chunk, plain_length),
+                Bytes(begin, begin + static_cast<std::ptrdiff_t>(plain_length)));
     }
     EXPECT_EQ(frame, length);
     // What the stack puts behind the data must not be mistaken for a frame.
-    const Bytes trailer = pattern(50, 7);
-    file.write(trailer.data(), trailer.size());
+    file.seek(kDataPosition + length);
+    file.write(pattern(50, 7).data(), 50);
 
-    auto indexed = ChunkedSegment::from_index(file, kDataPosition, length, c.samples,
-                                              chunk_index(writer), layout);
+    // Compressed chunks come with their blocks' checksums, which every read then checks.
+    const auto entries = writer.record_entries();
+    ASSERT_EQ(entries.size(), c.zlib ? 2u : 1u);
+    EXPECT_EQ(entries.back().first, c.zlib ? RecordKey::chunk_checksums : RecordKey::chunk_index);
+    auto indexed =
+        ChunkedSegment::from_index(file, kDataPosition, length, c.samples, chunk_index(writer),
+                                   layout, c.zlib ? entries.at(1).second : std::string());
     auto walked =
         ChunkedSegment::from_frames(file, kDataPosition, file.size(), c.samples + 1000, layout);
     expect_same_chunks(indexed->chunks(), writer.chunks(), count);
@@ -193,11 +187,10 @@ TEST(ChunkedSegment, PlainRoundTripsThroughWriterIndexAndFrames) {
     EXPECT_EQ(indexed->end_position(), kDataPosition + length);
     EXPECT_EQ(walked->end_position(), kDataPosition + length);
 
-    // Whole data, and ranges that start and end inside and across chunks.
     const std::size_t chunk_bytes = c.chunk_samples * c.element_size;
     for (ChunkedSegment* segment : {&writer, indexed.get(), walked.get()}) {
       EXPECT_EQ(read_range(*segment, 0, data.size()), data);
-      for (std::size_t offset = 0; offset < data.size(); offset += 3) {
+      for (std::size_t offset = 0; offset < data.size(); offset += 3 + data.size() / 100) {
         for (std::size_t n : {std::size_t{1}, chunk_bytes + 1, data.size() - offset}) {
           n = std::min(n, data.size() - offset);
           const Bytes want(data.begin() + static_cast<std::ptrdiff_t>(offset),
@@ -207,6 +200,9 @@ TEST(ChunkedSegment, PlainRoundTripsThroughWriterIndexAndFrames) {
       }
       EXPECT_THROW(read_range(*segment, data.size() - 1, 2), std::invalid_argument);
       EXPECT_EQ(read_range(*segment, data.size(), 0), Bytes{});
+    }
+    if (c.zlib) {
+      EXPECT_NO_THROW(indexed->verify());
     }
   }
 }
@@ -219,7 +215,7 @@ TEST(ChunkedSegment, FramesAndIndexSitAtTheirOffsets) {
   segment.append(data);
   EXPECT_EQ(segment.finish(), 88u);
 
-  const std::span<const std::byte> bytes(file.bytes());
+  const std::span<const std::byte> bytes(file.bytes);
   ASSERT_EQ(bytes.size(), kDataPosition + 88);
   // A full chunk of 3 samples, then the last one of 1 sample, whose count was patched.
   const std::uint64_t frames[] = {kDataPosition, kDataPosition + 46};
@@ -251,7 +247,7 @@ TEST(ChunkedSegment, EdgesOfWriting) {
   ChunkedSegment empty(scratch, 0, plain(4, 10));
   empty.append({});
   EXPECT_EQ(empty.finish(), 0u);
-  EXPECT_TRUE(scratch.bytes().empty());
+  EXPECT_TRUE(scratch.bytes.empty());
   EXPECT_EQ(chunk_index(empty), "");
   EXPECT_EQ(ChunkedSegment::from_index(scratch, 0, 0, 0, "", plain(4, 10))->committed_samples(),
             0u);
@@ -351,7 +347,7 @@ TEST(ChunkedSegment, WalkStopsAtForeignBytesAndAtTheSampleLimit) {
   ChunkedSegment writer(file, 0, layout);
   writer.append(pattern(20));
   writer.finish();
-  const Bytes written = file.bytes();
+  const Bytes written = file.bytes;
 
   // Chunks of 4, 4 and 2 samples: a limit of 9 samples takes the first two.
   auto limited = ChunkedSegment::from_frames(file, 0, written.size(), 9, layout);
@@ -397,7 +393,7 @@ TEST(ChunkedSegment, IndexThatLiesIsRefused) {
   ChunkedSegment writer(written, 0, layout);
   writer.append(pattern(20));
   ASSERT_EQ(writer.finish(), 140u);
-  Bytes good = written.bytes();
+  Bytes good = written.bytes;
   const Bytes trailer = pattern(40, 9);
   good.insert(good.end(), trailer.begin(), trailer.end());
 
@@ -465,107 +461,6 @@ TEST(ChunkedSegment, IndexThatLiesIsRefused) {
       TarnError, "Damaged chunk index: its 71 bytes are not a whole number of entries.");
 }
 
-// Camera-like samples: a dark level with noise, so that the chunks compress but not to nothing.
-Bytes noisy(std::size_t n, std::uint32_t seed) {
-  std::mt19937 rng(seed);
-  Bytes bytes(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    bytes[i] = static_cast<std::byte>(i % 2 == 0 ? 100 + (rng() % 7) : 0);
-  }
-  return bytes;
-}
-
-// The stored bytes of a chunk as they are in the file.
-Bytes stored_bytes(DiskFile& file, std::uint64_t data_position, const Chunk& chunk) {
-  Bytes bytes(chunk.stored_length);
-  file.seek(data_position + chunk.frame_offset + kChunkHeaderSize);
-  file.read(bytes.data(), bytes.size());
-  return bytes;
-}
-
-struct CompressedCase {
-  const char* name;
-  std::uint32_t level;
-  std::uint64_t threads;
-  std::uint64_t flush_block_size;
-  std::size_t element_size;
-  std::uint64_t chunk_samples;
-  std::uint64_t samples;
-  std::vector<std::size_t> pieces;
-};
-
-TEST(ChunkedSegment, CompressedChunksAreZlibStreamsOfTheirSamples) {
-  const std::vector<CompressedCase> cases = {
-      {"SeveralFlushBlocksPerChunk", 1, 1, 64, 2, 100, 350, {300}},
-      {"FlushBlockNotWholeElements", 6, 2, 50, 4, 37, 100, {13, 333}},
-      {"StoredLevelOneBlock", 0, 1, std::uint64_t{4} << 20, 2, 64, 200, {7}},
-      {"BestLevelFourThreads", 9, 4, 48, 8, 16, 40, {1000}},
-  };
-  for (const CompressedCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    TempDir dir;
-    DiskFile file(dir / "compressed.tbf", DiskFile::Mode::write);
-    file.write(pattern(kDataPosition).data(), kDataPosition);
-    const ChunkLayout layout{c.element_size, c.chunk_samples,
-                             ZlibSettings{c.level, c.flush_block_size, {c.threads, {}}}};
-    const Bytes data = noisy(c.samples * c.element_size, c.level);
-    ChunkedSegment writer(file, kDataPosition, layout);
-    const WriteCase pieces{c.name, c.element_size, c.chunk_samples, c.samples, c.pieces};
-    write_pieces(writer, file, data, pieces);
-    const std::uint64_t length = writer.finish();
-    EXPECT_EQ(file.tell(), kDataPosition + length);
-    const std::uint64_t count = (c.samples + c.chunk_samples - 1) / c.chunk_samples;
-    ASSERT_EQ(writer.chunks().size(), count);
-
-    // Each chunk inflates with zlib alone to exactly its samples, and carries its flush index.
-    std::uint64_t frame = 0;
-    for (const Chunk& chunk : writer.chunks()) {
-      EXPECT_EQ(chunk.frame_offset, frame);
-      EXPECT_GT(chunk.index_length, 0u);
-      frame += kChunkHeaderSize + chunk.stored_length + chunk.index_length;
-      const std::size_t plain_length = chunk.samples * c.element_size;
-      const Bytes stored = stored_bytes(file, kDataPosition, chunk);
-      Bytes inflated(plain_length + 1);
-      uLongf inflated_length = static_cast<uLongf>(inflated.size());
-      ASSERT_EQ(uncompress(reinterpret_cast<Bytef*>(inflated.data()), &inflated_length,
-                           reinterpret_cast<const Bytef*>(stored.data()),
-                           static_cast<uLong>(stored.size())),
-                Z_OK);
-      inflated.resize(inflated_length);
-      const auto begin =
-          data.begin() + static_cast<std::ptrdiff_t>(chunk.first_sample * c.element_size);
-      EXPECT_EQ(inflated, Bytes(begin, begin + static_cast<std::ptrdiff_t>(plain_length)));
-    }
-    EXPECT_EQ(frame, length);
-    file.seek(kDataPosition + length);
-    file.write(pattern(30, 4).data(), 30);
-
-    // Read back with the chunks' block checksums, which every read then checks.
-    const auto entries = writer.record_entries();
-    ASSERT_EQ(entries.size(), 2u);
-    EXPECT_EQ(entries.at(1).first, RecordKey::chunk_checksums);
-    auto indexed = ChunkedSegment::from_index(file, kDataPosition, length, c.samples,
-                                              entries.at(0).second, layout, entries.at(1).second);
-    auto walked = ChunkedSegment::from_frames(file, kDataPosition, file.size(), c.samples, layout);
-    expect_same_chunks(indexed->chunks(), writer.chunks(), count);
-    expect_same_chunks(walked->chunks(), writer.chunks(), count);
-    for (ChunkedSegment* segment : {&writer, indexed.get(), walked.get()}) {
-      EXPECT_EQ(read_range(*segment, 0, data.size()), data);
-    }
-    // Ranges that begin and end inside chunks (and flush blocks).
-    std::mt19937 rng(7);
-    for (int k = 0; k < 6; ++k) {
-      const std::size_t offset = rng() % data.size();
-      const std::size_t n = rng() % (data.size() - offset + 1);
-      const auto begin = data.begin() + static_cast<std::ptrdiff_t>(offset);
-      ASSERT_EQ(read_range(*indexed, offset, n),
-                Bytes(begin, begin + static_cast<std::ptrdiff_t>(n)))
-          << offset << "+" << n;
-    }
-    EXPECT_NO_THROW(indexed->verify());
-  }
-}
-
 // Each of `attempts` fails with a TarnError whose message begins with `prefix` and ends with
 // `suffix`.
 void expect_each_reports(const std::vector<std::function<void()>>& attempts,
@@ -601,17 +496,17 @@ TEST(ChunkedSegment, DamagedCompressedChunksAreReported) {
   };
 
   // Deflate data that lies, a flush index that lies.
-  Bytes flipped = written.bytes();
+  Bytes flipped = written.bytes;
   // The first block header behind the zlib header: final, of the reserved type 3.
   flipped[second.frame_offset + kChunkHeaderSize + kZlibHeaderSize] = std::byte{0xFF};
   expect_damage(flipped, "Damaged compressed data: ");
-  Bytes bad_index = written.bytes();
+  Bytes bad_index = written.bytes;
   const std::uint64_t index_at = second.frame_offset + kChunkHeaderSize + second.stored_length;
   put_u64(bad_index, index_at, 1);
   expect_damage(bad_index, "Damaged flush index: ");
 
   // An index length that reaches into the next frame is caught by the frames' layout.
-  Bytes long_index = written.bytes();
+  Bytes long_index = written.bytes;
   put_u64(long_index, second.frame_offset + kChunkIndexLengthOffset, second.index_length + 1);
   MemoryAccess file(long_index);
   EXPECT_THROW_MESSAGE(ChunkedSegment::from_index(file, 0, length, 150, index, layout), TarnError,
@@ -631,7 +526,7 @@ TEST(ChunkedSegment, ChunkChecksumsCatchDamageThatInflates) {
   const std::uint64_t length = writer.finish();
   const auto entries = writer.record_entries();
   ASSERT_EQ(entries.size(), 2u);
-  Bytes bytes = written.bytes();
+  Bytes bytes = written.bytes;
   const auto plain_at = data.begin() + 140;
   const auto stored_at = std::search(bytes.begin(), bytes.end(), plain_at, plain_at + 8);
   ASSERT_NE(stored_at, bytes.end());

@@ -24,22 +24,6 @@ namespace {
 
 using Tarn::testing::TempDir;
 
-std::uint32_t u32_at(const StackHeaderBytes& b, std::size_t offset) {
-  std::uint32_t v = 0;
-  std::memcpy(&v, b.data() + offset, 4);
-  return v;
-}
-std::uint64_t u64_at(const StackHeaderBytes& b, std::size_t offset) {
-  std::uint64_t v = 0;
-  std::memcpy(&v, b.data() + offset, 8);
-  return v;
-}
-double f64_at(const StackHeaderBytes& b, std::size_t offset) {
-  double v = 0;
-  std::memcpy(&v, b.data() + offset, 8);
-  return v;
-}
-
 StackHeader rank3_header() {
   StackHeader h;
   h.rank = 3;
@@ -61,31 +45,31 @@ TEST(StackHeaderFormat, Rank3FieldsLieAtTheirOffsets) {
   const StackHeaderBytes b = encode_stack_header(rank3_header());
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(b.data()), 16),
             std::string("TARN_BF_STACK\n\xFF\xFF", 16));
-  EXPECT_EQ(u32_at(b, 16), 7u);
-  EXPECT_EQ(u32_at(b, 20), 3u);
-  EXPECT_EQ(u32_at(b, 24), 512u);
-  EXPECT_EQ(u32_at(b, 28), 256u);
-  EXPECT_EQ(u32_at(b, 32), 7u);
-  EXPECT_EQ(f64_at(b, 84), 133.1);
-  EXPECT_EQ(f64_at(b, 92), 66.5);
-  EXPECT_EQ(f64_at(b, 100), 14.0);
-  EXPECT_EQ(f64_at(b, 204), -0.5);
-  EXPECT_EQ(f64_at(b, 212), 2.25);
-  EXPECT_EQ(f64_at(b, 220), -7.0);
+  EXPECT_EQ(get_u32(b, 16), 7u);
+  EXPECT_EQ(get_u32(b, 20), 3u);
+  EXPECT_EQ(get_u32(b, 24), 512u);
+  EXPECT_EQ(get_u32(b, 28), 256u);
+  EXPECT_EQ(get_u32(b, 32), 7u);
+  EXPECT_EQ(get_f64(b, 84), 133.1);
+  EXPECT_EQ(get_f64(b, 92), 66.5);
+  EXPECT_EQ(get_f64(b, 100), 14.0);
+  EXPECT_EQ(get_f64(b, 204), -0.5);
+  EXPECT_EQ(get_f64(b, 212), 2.25);
+  EXPECT_EQ(get_f64(b, 220), -7.0);
   // Every unused size, length and offset entry is zero bytes.
   for (std::size_t i = 3; i < 15; ++i) {
-    EXPECT_EQ(u32_at(b, 24 + 4 * i), 0u) << i;
-    EXPECT_EQ(u64_at(b, 84 + 8 * i), 0u) << i;
-    EXPECT_EQ(u64_at(b, 204 + 8 * i), 0u) << i;
+    EXPECT_EQ(get_u32(b, 24 + 4 * i), 0u) << i;
+    EXPECT_EQ(get_u64(b, 84 + 8 * i), 0u) << i;
+    EXPECT_EQ(get_u64(b, 204 + 8 * i), 0u) << i;
   }
-  EXPECT_EQ(u32_at(b, 324), static_cast<std::uint32_t>(Tarn::dt::cplx_single));
-  EXPECT_EQ(u32_at(b, 328), 1u);
-  EXPECT_EQ(u32_at(b, 332), 6u);
-  EXPECT_EQ(u32_at(b, 336), 5u);
-  EXPECT_EQ(u32_at(b, 340), 300u);
-  EXPECT_EQ(u64_at(b, 344), 0u);
-  EXPECT_EQ(u64_at(b, 352), 0x123456789ULL);
-  EXPECT_EQ(u64_at(b, 360), 0xABCDEF0123ULL);
+  EXPECT_EQ(get_u32(b, 324), static_cast<std::uint32_t>(Tarn::dt::cplx_single));
+  EXPECT_EQ(get_u32(b, 328), 1u);
+  EXPECT_EQ(get_u32(b, 332), 6u);
+  EXPECT_EQ(get_u32(b, 336), 5u);
+  EXPECT_EQ(get_u32(b, 340), 300u);
+  EXPECT_EQ(get_u64(b, 344), 0u);
+  EXPECT_EQ(get_u64(b, 352), 0x123456789ULL);
+  EXPECT_EQ(get_u64(b, 360), 0xABCDEF0123ULL);
   EXPECT_EQ(decode_stack_header(b), rank3_header());
 }
 
@@ -93,9 +77,9 @@ TEST(StackHeaderFormat, Rank0HasOnlyZeroEntries) {
   StackHeader h;
   h.type = Tarn::dt::uint8;
   const StackHeaderBytes b = encode_stack_header(h);
-  EXPECT_EQ(u32_at(b, 20), 0u);
+  EXPECT_EQ(get_u32(b, 20), 0u);
   for (std::size_t at = 24; at < 324; ++at) EXPECT_EQ(b[at], std::byte{0}) << at;
-  EXPECT_EQ(u64_at(b, 344), 1u);
+  EXPECT_EQ(get_u64(b, 344), 1u);
   EXPECT_EQ(decode_stack_header(b), h);
 }
 
@@ -108,12 +92,12 @@ TEST(StackHeaderFormat, DecodeRefusesForeignAndDamagedHeaders) {
   };
   const auto u32 = [](std::uint32_t v) {
     std::vector<std::byte> out(4);
-    std::memcpy(out.data(), &v, 4);
+    put_u32(out, 0, v);
     return out;
   };
   const auto f64 = [](double v) {
     std::vector<std::byte> out(8);
-    std::memcpy(out.data(), &v, 8);
+    put_f64(out, 0, v);
     return out;
   };
   const Case cases[] = {

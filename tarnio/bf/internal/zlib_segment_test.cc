@@ -1,5 +1,6 @@
 #include "tarnio/bf/internal/zlib_segment.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -24,9 +25,9 @@
 #include "tarnio/bf/internal/deflate_engine.h"
 #include "tarnio/bf/internal/flush_index.h"
 #include "tarnio/bf/internal/tbf_format.h"
-#include "tarnio/errors/internal/raise.h"
 #include "tarnio/errors/tarn_error.h"
 #include "tarnio/testing/expect_throw_message.h"
+#include "tarnio/testing/memory_file.h"
 #include "tarnio/testing/temp_dir.h"
 
 namespace Tarn::bf::internal {
@@ -38,41 +39,7 @@ using Bytes = std::vector<std::byte>;
 constexpr std::uint64_t kDataPosition = 7;
 constexpr std::uint64_t kSmallBlock = 65537;
 
-// A DiskFileAccess over bytes in memory.
-class MemoryFile final : public DiskFileAccess {
- public:
-  explicit MemoryFile(ThreadingSupport threading = {}) : threading_(std::move(threading)) {}
-
-  bool is_open_for_reading() const override { return true; }
-  bool is_open_for_writing() const override { return true; }
-  std::uint64_t tell() const override { return position_; }
-  std::uint64_t seek(std::uint64_t pos) override {
-    position_ = pos == kNpos ? bytes.size() : pos;
-    return position_;
-  }
-  void read(void* buf, std::uint64_t n) override {
-    if (position_ > bytes.size() || n > bytes.size() - position_) {
-      errors::internal::throw_tarn("Failed reading {} bytes from file: {}", n, "File too short.");
-    }
-    std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(position_), n,
-                static_cast<std::byte*>(buf));
-    position_ += n;
-  }
-  void write(const void* buf, std::uint64_t n) override {
-    if (position_ + n > bytes.size()) bytes.resize(position_ + n);
-    std::copy_n(static_cast<const std::byte*>(buf), n,
-                bytes.begin() + static_cast<std::ptrdiff_t>(position_));
-    position_ += n;
-  }
-  void flush_file_buffers() override {}
-  ThreadingSupport threading_support() const override { return threading_; }
-
-  Bytes bytes;
-
- private:
-  ThreadingSupport threading_;
-  std::uint64_t position_ = 0;
-};
+using Tarn::testing::MemoryFile;
 
 // Runs every task on a thread of its own; the destructor waits for them.
 class ThreadLauncher {
@@ -163,8 +130,9 @@ Bytes read_all(ZlibSegment& segment, std::uint64_t size) {
 TEST(ZlibSegment, EveryLevelAndThreadingWritesOneStandardStream) {
   const Bytes data = camera_bytes(5 * kSmallBlock + kSmallBlock / 2);
   const std::vector<std::size_t> lengths{0, 1, 1001, kSmallBlock, kSmallBlock + 1, data.size()};
-  for (const std::uint32_t level : {0u, 1u, 2u, 3u, 4u, 6u, 9u}) {
-    for (const std::uint64_t threads : {1u, 2u, 4u}) {
+  // One level of each engine: stored, ISA-L, libdeflate, zlib, libdeflate's near-optimal.
+  for (const std::uint32_t level : {0u, 1u, 3u, 6u, 9u}) {
+    for (const std::uint64_t threads : {1u, 4u}) {
       for (const bool launcher : {false, true}) {
         ThreadLauncher launched;
         const ThreadingSupport threading =
