@@ -529,7 +529,7 @@ TEST(TarnTool, InfoTableIsAlignedAndEscapesWhatWouldBreakIt) {
   Tarn::testing::TempDir dir;
   const std::string path = (dir / "table.tbf").string();
   {
-    const auto file = Tarn::create_file();
+    const auto file = Tarn::create_file(false);  // no OME description: the table alone
     file->open(path, Tarn::bf::DiskFile::Mode::write);
     file->set_description("cells\nday 2");
     file->set_metadata("k", "v");

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tarnio/json/read_write.h"
 #include "tarnio/ome/quantity.h"
 #include "tarnio/ome/root.h"
 #include "tarnio/stack_factory/describe_stack.h"
@@ -64,7 +65,8 @@ std::string ome_lines(Tarn::bf::FileInterface& file) {
     const auto& image = found.images[i];
     if (!image || (image->name.empty() && image->pixel_size.empty())) continue;
     if (out.empty()) out = "\n";
-    out += fmt::format("stack {} is image \"{}\"", i, image->name);
+    // Quoted and escaped as JSON text, so that a row stays one line.
+    out += fmt::format("stack {} is image {}", i, JSON::write(JSON::Value(image->name)));
     if (!image->pixel_size.empty()) {
       out += fmt::format(", pixel size {}", fmt::join(image->pixel_size, " x "));
     }
