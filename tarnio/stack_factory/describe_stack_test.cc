@@ -1,0 +1,124 @@
+#include "tarnio/stack_factory/describe_stack.h"
+
+#include <gtest/gtest.h>
+
+#include "tarnio/json/read_write.h"
+#include "tarnio/ome/errors.h"
+#include "tarnio/ome/ome_element.h"
+#include "tarnio/testing/expect_throw_message.h"
+
+namespace {
+
+using Tarn::arrays::StackInfoImp;
+
+TEST(DescribeStack, AxesMapToTheDimensionOrder) {
+  struct Case {
+    std::vector<std::uint64_t> shape;
+    std::vector<std::string> labels;
+    std::string order;
+    std::array<std::uint64_t, 5> sizes;  // X Y Z C T
+  };
+  const std::vector<Case> cases{
+      {{4, 3, 2}, {}, "XYZCT", {4, 3, 2, 1, 1}},
+      {{4, 3, 2, 5}, {"x", "Y", "t", "Z"}, "XYTZC", {4, 3, 5, 1, 2}},
+      {{4, 3, 2, 3, 2, 2}, {}, "XYZCT", {4, 3, 2, 3, 4}},  // axes behind the fifth fold into T
+      {{4, 3, 2}, {"Y", "X", "Z"}, "XYZCT", {4, 3, 2, 1, 1}},
+      {{4, 3, 2, 2}, {"X", "Y", "C", "C"}, "XYZCT", {4, 3, 2, 2, 1}},
+      {{5}, {"X"}, "XYZCT", {5, 1, 1, 1, 1}}};
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    StackInfoImp info(Tarn::dt::uint8, cases[i].shape);
+    if (!cases[i].labels.empty()) info.set_labels(cases[i].labels);
+    OME::Root root;
+    OME::Image* image = Tarn::describe_stack(root, info, i);
+    ASSERT_NE(image, nullptr);
+    const auto& pixels = *image->pixels().get();
+    EXPECT_EQ(pixels.member("DimensionOrder").get_string(), cases[i].order) << i;
+    for (std::size_t d = 0; d < 5; ++d) {
+      EXPECT_EQ(pixels.member(std::string("Size") + "XYZCT"[d]).get_uint64(), cases[i].sizes[d])
+          << i << " "
+          << "XYZCT"[d];
+    }
+    EXPECT_EQ(Tarn::stack_images(root, i + 1)[i], image);
+    EXPECT_EQ(Tarn::fill_type(*image).number_of_elements(), info.number_of_elements());
+  }
+}
+
+TEST(DescribeStack, FillingAnInfoFromItsImageGivesTheStackBack) {
+  StackInfoImp info(Tarn::dt::uint16, {8, 6, 3, 4, 2});
+  info.set_labels({"X", "Y", "C", "Z", "T"});
+  info.set_lengths({0.8, 0.6, 3, 2, 10});
+  for (const auto& [axis, unit] : {std::pair{0u, "µm"}, {1u, "µm"}, {3u, "nm"}, {4u, "s"}}) {
+    info.set_units(axis, Tarn::units::RuntimeValue(1.0, unit));
+  }
+  info.set_col_labels(2, {"DAPI", "GFP", "mCherry"});
+  info.set_name("cells");
+  info.set_description("z-stacks over time");
+  info.set_timestamp(Tarn::arrays::Timestamp(std::chrono::seconds(1'700'000'000)) +
+                     Tarn::arrays::Timestamp::duration(1234567));
+  OME::Root root;
+  OME::Image& image = *Tarn::describe_stack(root, info, 3);
+  // Through the XML form, as a file keeps it.
+  OME::Root back;
+  back.read_XML(root.XML());
+  OME::Image& read = back.images()[0];
+  StackInfoImp filled = Tarn::fill_type(read);
+  Tarn::fill_description(filled, read);
+  EXPECT_TRUE(Tarn::fill_acquisition_date(filled, read));
+  EXPECT_EQ(filled.type(), info.type());
+  EXPECT_EQ(filled.shape(), info.shape());
+  EXPECT_EQ(filled.labels(), info.labels());
+  EXPECT_EQ(filled.col_labels(2), info.col_labels(2));
+  EXPECT_EQ(filled.name(), "cells");
+  EXPECT_EQ(filled.description(), info.description());
+  EXPECT_EQ(filled.timestamp(), info.timestamp());
+  for (std::size_t axis = 0; axis < 5; ++axis) {
+    EXPECT_NEAR(filled.length(axis), info.length(axis), 1e-12) << axis;
+    EXPECT_EQ(filled.units(axis), info.units(axis)) << axis;
+  }
+  EXPECT_EQ(image.member("ID").get_string(), "Image:stack-3");
+}
+
+TEST(DescribeStack, TypesWithoutPixelTypeAndEmptyStacksGetNoImage) {
+  OME::Root root;
+  for (const DataType type : {Tarn::dt::int64, Tarn::dt::logical, Tarn::dt::cplx_int16}) {
+    EXPECT_EQ(Tarn::describe_stack(root, StackInfoImp(type, {2, 2}), 0), nullptr) << type;
+  }
+  EXPECT_EQ(Tarn::describe_stack(root, StackInfoImp(Tarn::dt::uint8, {2, 0}), 0), nullptr);
+  EXPECT_TRUE(root.images().empty());
+}
+
+TEST(DescribeStack, DatesAndBrokenPixelsDescriptions) {
+  const std::vector<std::pair<std::string, std::int64_t>> dates{
+      {"1970-01-01T00:00:01", 10'000'000},
+      {"1970-01-01T01:00:01.5+01:00", 15'000'000},
+      {"1969-12-31T23:00:00-01:00", 0}};
+  for (const auto& [text, ticks] : dates) {
+    OME::Root root;
+    OME::Image& image = root.images().append(JSON::Value::object({{"AcquisitionDate", text}}));
+    StackInfoImp info(Tarn::dt::uint8, {1, 1});
+    ASSERT_TRUE(Tarn::fill_acquisition_date(info, image)) << text;
+    EXPECT_EQ(info.timestamp().time_since_epoch().count(), ticks) << text;
+  }
+  for (const char* bad : {"1970-13-01T00:00:00", "1970-01-01", "1970-01-01T00:00:00Zx"}) {
+    OME::Root root;
+    OME::Image& image = root.images().append(JSON::Value::object({{"AcquisitionDate", bad}}));
+    StackInfoImp info(Tarn::dt::uint8, {1, 1});
+    EXPECT_THROW(Tarn::fill_acquisition_date(info, image), OME::Invalid_Data) << bad;
+  }
+  const std::vector<std::pair<std::string, std::string>> broken{
+      {"{}", "Image 'Image:1' has no pixels description."},
+      {R"({"Pixels": [{"Type": "bit"}]})", "Unsupported pixel type 'bit'."},
+      {R"({"Pixels": [{"Type": "int8", "DimensionOrder": "ZCTXY"}]})",
+       "Invalid DimensionOrder in the pixels of image 'Image:1'."},
+      {R"({"Pixels": [{"Type": "int8", "DimensionOrder": "XYZCT", "SizeX": 2, "SizeY": 0}]})",
+       "Invalid SizeY in the pixels of image 'Image:1'."}};
+  for (const auto& [json, message] : broken) {
+    OME::Root root;
+    JSON::Value item = JSON::read(json);
+    item.set("ID", "Image:1");
+    OME::Image& image = root.images().append(std::move(item));
+    EXPECT_THROW_MESSAGE(Tarn::fill_type(image), OME::Invalid_Data, message);
+  }
+}
+
+}  // namespace
