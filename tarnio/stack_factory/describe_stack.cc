@@ -154,11 +154,20 @@ std::optional<Timestamp> parse_date(std::string_view text) {
   return Timestamp(sys_days(date).time_since_epoch()) + Timestamp::duration(ticks);
 }
 
+// So that 0.3 µm over 3 pixels are 0.1 µm, not 0.09999999999999999.
+double to_15_digits(double value) {
+  const std::string text = fmt::format("{:.15g}", value);
+  double rounded = value;
+  std::from_chars(text.data(), text.data() + text.size(), rounded);
+  return rounded;
+}
+
 // The pixel size of `axis` in its unit, when it has a unit of OME's for `attribute`.
 void describe_pixel_size(OME::Image::Pixels& pixels, std::string_view attribute,
                          const StackInfoInterface& info, std::size_t axis) {
   const units::RuntimeValue& unit = info.units(axis);
-  const units::RuntimeValue pixel = unit * (info.length(axis) / double(info.shape()[axis]));
+  const units::RuntimeValue pixel =
+      unit * to_15_digits(info.length(axis) / double(info.shape()[axis]));
   if (attribute.empty() || unit.unit().is_dimensionless() || !std::isfinite(pixel.value()) ||
       pixel.value() <= 0) {
     return;

@@ -15,9 +15,9 @@
 //   size 1 and follow in the order Z, C, T in the DimensionOrder.
 // - Type: the element type's OME pixel type; a stack of another element type (64-bit
 //   integers, logical, RGB, complex integers, ...) or without elements gets no image.
-// - PhysicalSizeX/Y/Z and TimeIncrement: the length of the axis over its size, in the axis's
-//   unit, where that unit is one of OME's for the attribute (µm, nm, s, ms, ...); nothing for
-//   a dimensionless axis or a folded T.
+// - PhysicalSizeX/Y/Z and TimeIncrement: the length of the axis over its size to 15
+//   significant digits, in the axis's unit, where that unit is one of OME's for the attribute (µm,
+//   nm, s, ms, ...); nothing for a dimensionless axis or a folded T.
 // - One Channel per index of the C axis, named by the axis's column label when it has one.
 // - AcquisitionDate: the stack's timestamp in UTC, when it has one.
 //
