@@ -66,32 +66,22 @@ TEST(OmeMetadata, DescriptionRoundTripsAndGrowsWithAnAppend) {
 
   auto file = open_file(path, Mode::append);
   add_stack(*file, {2, 2, 1, 1, 1});
+  // A stack left unfinished is dropped at close, and with it its description.
+  file->add_stack(dt::uint8, {4})->write(std::vector<std::uint8_t>(2).data(), 2);
   file->close();
   file = open_file(path, Mode::read);
   auto& images = file->get_OME_root().images();
   ASSERT_EQ(images.size(), 3u);
+  EXPECT_EQ(file->number_of_stacks(), 2u);
   for (std::size_t i = 0; i < 2; ++i) EXPECT_EQ(images[i].node(), reread.images()[i].node());
   EXPECT_EQ(Tarn::stack_images(file->get_OME_root(), 2)[1], &images[2]);
   EXPECT_EQ(Tarn::fill_type(images[2]).shape(), (std::vector<std::uint64_t>{2, 2}));
 }
 
-TEST(OmeMetadata, AStackDroppedAtCloseLeavesNoImage) {
-  testing::TempDir dir;
-  auto file = create_file();
-  file->open(dir / "dropped.tbf", Mode::write);
-  add_stack(*file, {2, 2, 1, 1, 1});
-  const auto unfinished = file->add_stack(dt::uint8, {4});
-  unfinished->write(std::vector<std::uint8_t>(2).data(), 2);
-  file->close();
-  file = open_file(dir / "dropped.tbf", Mode::read);
-  EXPECT_EQ(file->number_of_stacks(), 1u);
-  EXPECT_EQ(file->get_OME_root().images().size(), 1u);
-}
-
 TEST(OmeMetadata, BadOmeXmlFailsOnlyTheRootAndSurvivesAnAppend) {
   const std::vector<std::pair<std::string, std::string>> cases{
-      {"not XML <", "OME-XML parse error"},
-      {"<Root/>", "Unsupported OME-XML namespace"},
+      {"<OME><Image", "OME-XML parse error at offset 10: Error parsing start element tag."},
+      {"<Root/>", "Unsupported OME-XML namespace ''."},
       {R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06"><Image ID="Image:0">
           <InstrumentRef ID="Instrument:5"/><Pixels ID="Pixels:0" DimensionOrder="XYZCT"
           Type="uint8" SizeX="1" SizeY="1" SizeZ="1" SizeC="1" SizeT="1"><MetadataOnly/>
@@ -116,12 +106,7 @@ TEST(OmeMetadata, BadOmeXmlFailsOnlyTheRootAndSurvivesAnAppend) {
     file->stack(1)->read(0, std::span<std::uint8_t>(data));
     EXPECT_EQ(data, std::vector<std::uint8_t>(6, 0));
     for (int attempt = 0; attempt < 2; ++attempt) {
-      try {
-        file->get_OME_root();
-        ADD_FAILURE() << xml;
-      } catch (const std::invalid_argument& error) {
-        EXPECT_NE(std::string(error.what()).find(message), std::string::npos) << error.what();
-      }
+      EXPECT_THROW_MESSAGE(file->get_OME_root(), std::invalid_argument, message);
     }
   }
 }
