@@ -59,6 +59,10 @@ TEST(OmeTool, WrittenAndDemoFilesCarryValidOmeXmlThatMatchesTheirStacks) {
 
   ASSERT_EQ(tarn("ome " + file + " --set 'OME[0].Image[0].Name=\"nuclei\"'").status, 0);
   EXPECT_NE(tarn("info --json " + file).output.find("\"name\": \"nuclei\""), std::string::npos);
+  // A compacted file copies the description and describes no stack twice.
+  ASSERT_EQ(tarn("compact " + file).status, 0);
+  const std::string xml = tarn("ome " + file).output;
+  EXPECT_EQ(xml.find("\"Image:stack-0\""), xml.rfind("\"Image:stack-0\"")) << xml;
   const Result refused = tarn("ome " + file + " --set OME[0].Image[0].Pixels[0].Type=uint7");
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.output, "tarn: Invalid PixelType 'uint7' in OME.Image.Pixels.Type.\n");

@@ -14,6 +14,7 @@
 #include "tarnio/bf/internal/positioning.h"
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/errors/internal/raise.h"
+#include "tarnio/ome/ome_element.h"
 #include "tarnio/ome/root.h"
 #include "tarnio/stack_factory/describe_stack.h"
 
@@ -214,6 +215,12 @@ OME::Root& FileImp::get_OME_root() {
     auto root = std::make_unique<OME::Root>();
     const auto entry = metadata_.find(std::string(kOMEKey));
     if (entry != metadata_.end()) root->read_XML(entry->second);
+    described_stacks_.clear();
+    if (OME::OME* ome = root->ome()) {
+      for (const OME::Image& image : ome->images()) {
+        if (const auto index = described_stack(image)) described_stacks_.insert(*index);
+      }
+    }
     ome_root_ = std::move(root);
   }
   return *ome_root_;
@@ -302,8 +309,11 @@ void FileImp::describe_committed(const StackImp& stack) {
   auto found = on_disk_end(stacks_);
   while (found != stacks_.begin() && std::prev(found)->get() != &stack) --found;
   if (found == stacks_.begin()) return;
+  const auto index = static_cast<std::size_t>(found - stacks_.begin() - 1);
   try {
-    describe_stack(get_OME_root(), stack, static_cast<std::size_t>(found - stacks_.begin() - 1));
+    // A file copied with its metadata (compacted, recovered) describes its stacks already.
+    OME::Root& root = get_OME_root();
+    if (described_stacks_.insert(index).second) describe_stack(root, stack, index);
   } catch (const std::invalid_argument&) {
   }
 }

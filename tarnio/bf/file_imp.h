@@ -28,6 +28,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
@@ -125,6 +126,8 @@ class TARNIO_EXPORT FileImp : public FileInterface,
   std::uint64_t bytes_written_ = 0;
   // Built on first request; null until then and after "ome_xml" is set.
   std::unique_ptr<OME::Root> ome_root_;
+  // The stacks that the root describes, so that a copied description gains no second image.
+  std::set<std::size_t> described_stacks_;
 };
 
 }  // namespace Tarn::bf

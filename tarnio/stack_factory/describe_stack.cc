@@ -263,20 +263,23 @@ OME::Image* describe_stack(OME::Root& root, const StackInfoInterface& info, std:
   return &image;
 }
 
+std::optional<std::size_t> described_stack(const OME::Image& image) {
+  const std::string id = image_ID(image);
+  if (!id.starts_with(kImagePrefix)) return std::nullopt;
+  const std::string_view tail = std::string_view(id).substr(kImagePrefix.size());
+  std::size_t index = 0;
+  const auto [end, error] = std::from_chars(tail.data(), tail.data() + tail.size(), index);
+  if (error != std::errc() || end != tail.data() + tail.size()) return std::nullopt;
+  return index;
+}
+
 std::vector<OME::Image*> stack_images(OME::Root& root, std::size_t number_of_stacks) {
   std::vector<OME::Image*> images(number_of_stacks, nullptr);
   OME::OME* ome = root.ome();
   if (ome == nullptr) return images;
   for (OME::Image& image : ome->images()) {
-    const std::string id = image_ID(image);
-    if (!id.starts_with(kImagePrefix)) continue;
-    const std::string_view tail = std::string_view(id).substr(kImagePrefix.size());
-    std::size_t index = 0;
-    const auto [end, error] = std::from_chars(tail.data(), tail.data() + tail.size(), index);
-    if (error == std::errc() && end == tail.data() + tail.size() && index < number_of_stacks &&
-        images[index] == nullptr) {
-      images[index] = &image;
-    }
+    const auto index = described_stack(image);
+    if (index && *index < number_of_stacks && images[*index] == nullptr) images[*index] = &image;
   }
   return images;
 }

@@ -29,6 +29,7 @@
 // thread-safe: the document belongs to one thread at a time.
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,8 @@ TARNIO_EXPORT std::string stack_image_ID(std::size_t index);
 TARNIO_EXPORT OME::Image* describe_stack(OME::Root& root, const arrays::StackInfoInterface& info,
                                          std::size_t index);
 
+// The index of the stack that `image` describes, from its ID; nothing for another image.
+TARNIO_EXPORT std::optional<std::size_t> described_stack(const OME::Image& image);
 // The image of each stack 0 .. number_of_stacks - 1, null where the document has none.
 TARNIO_EXPORT std::vector<OME::Image*> stack_images(OME::Root& root, std::size_t number_of_stacks);
 
