@@ -34,10 +34,9 @@ Result tarn(const std::string& arguments) {
 // Whether the OME-XML of the file validates against the schema, offline.
 void expect_valid_ome_xml(const std::string& tbf, const std::filesystem::path& xml) {
   ASSERT_EQ(tarn("meta " + tbf + " ome_xml > " + xml.string()).status, 0);
-  const Result check =
-      run("XML_CATALOG_FILES=tests/data/ome/schema/2016-06/catalog.xml xmllint --noout --nonet "
-          "--schema tests/data/ome/schema/2016-06/ome.xsd " +
-          xml.string());
+  const std::string schema = TARNIO_OME_SCHEMA_DIR;
+  const Result check = run("XML_CATALOG_FILES=" + schema + "/catalog.xml xmllint --noout --nonet " +
+                           "--schema " + schema + "/ome.xsd " + xml.string());
   EXPECT_EQ(check.status, 0) << check.output;
 }
 

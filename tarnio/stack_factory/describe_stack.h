@@ -2,7 +2,9 @@
 
 // The OME description of the stacks of a TBF file, and stack infos filled from it.
 //
-// describe_stack appends to an OME document an Image whose Pixels describe one stack:
+// describe_stack appends to an OME document an Image whose Pixels describe one stack. A TBF
+// file with the metadata flag calls it for each stack committed whose image the document does
+// not hold yet (a file copied with its description, compacted or recovered, has them):
 // - IDs: the image of stack n (its index in the file) has the ID "Image:stack-n", its pixels
 //   "Pixels:stack-n" and its channels "Channel:stack-n:c". That ID is how a reader finds the
 //   stack of an image and the image of a stack (stack_images); the Pixels hold MetadataOnly,
