@@ -449,7 +449,7 @@ TEST(TarnTool, InfoAndMetaShowWhatTheLibraryWroteExactly) {
   const std::pair<std::string, std::string> metadata[] = {
       {"alpha", "one\n"}, {"binary", binary}, {"empty", ""}};
   {
-    const auto file = Tarn::create_file();
+    const auto file = Tarn::create_file(false);  // no OME description: the table alone
     file->open(path, Tarn::bf::DiskFile::Mode::write);
     file->set_description("cells\nday 2");
     for (const auto& [key, value] : metadata) file->set_metadata(key, value);

@@ -14,6 +14,9 @@
 #include "tarnio/bf/internal/positioning.h"
 #include "tarnio/bf/internal/tbf_format.h"
 #include "tarnio/errors/internal/raise.h"
+#include "tarnio/ome/ome_element.h"
+#include "tarnio/ome/root.h"
+#include "tarnio/stack_factory/describe_stack.h"
 
 namespace Tarn::bf {
 
@@ -27,6 +30,8 @@ using internal::kNextStackOffset;
 using internal::kStackHeaderSize;
 
 constexpr std::size_t kMetadataFieldSize = 8;
+// The metadata entry that holds the OME-XML of the file.
+constexpr std::string_view kOMEKey = "ome_xml";
 
 std::uint64_t read_u64_at(DiskFileAccess& file, std::uint64_t pos) {
   internal::seek_exactly(file, pos);
@@ -158,6 +163,7 @@ void FileImp::forget_file() {
   metadata_position_ = 0;
   metadata_end_ = 0;
   metadata_field_position_ = 0;
+  ome_root_.reset();
 }
 
 void FileImp::close() {
@@ -200,6 +206,24 @@ void FileImp::set_metadata(const std::string& key, const std::string& value) {
   // A key of length 0 is the block's end mark.
   if (key.empty()) throw std::invalid_argument("Metadata key must not be empty.");
   metadata_[key] = value;
+  if (key == kOMEKey) ome_root_.reset();
+}
+
+OME::Root& FileImp::get_OME_root() {
+  if (ome_root_ == nullptr) {
+    // A document that fails to read is not kept, so each request reports the error.
+    auto root = std::make_unique<OME::Root>();
+    const auto entry = metadata_.find(std::string(kOMEKey));
+    if (entry != metadata_.end()) root->read_XML(entry->second);
+    described_stacks_.clear();
+    if (OME::OME* ome = root->ome()) {
+      for (const OME::Image& image : ome->images()) {
+        if (const auto index = described_stack(image)) described_stacks_.insert(*index);
+      }
+    }
+    ome_root_ = std::move(root);
+  }
+  return *ome_root_;
 }
 
 std::shared_ptr<StackImp> FileImp::stack(std::size_t index) const {
@@ -274,6 +298,24 @@ void FileImp::link_stack(std::uint64_t position) {
 
 void FileImp::end_stack(StackImp& stack) {
   if (writing_ == &stack) writing_ = nullptr;
+  if (metadata_flag_ && stack.state() == StackImp::State::committed) describe_committed(stack);
+}
+
+// The committed stack gains its image. The stack is committed all the same when the document
+// cannot be had (an appended file whose "ome_xml" does not read); close() then keeps that
+// entry as it is.
+void FileImp::describe_committed(const StackImp& stack) {
+  // The stack is the last one on disk, or close to it.
+  auto found = on_disk_end(stacks_);
+  while (found != stacks_.begin() && std::prev(found)->get() != &stack) --found;
+  if (found == stacks_.begin()) return;
+  const auto index = static_cast<std::size_t>(found - stacks_.begin() - 1);
+  try {
+    // A file copied with its metadata (compacted, recovered) describes its stacks already.
+    OME::Root& root = get_OME_root();
+    if (described_stacks_.insert(index).second) describe_stack(root, stack, index);
+  } catch (const std::invalid_argument&) {
+  }
 }
 
 void FileImp::read_file(bool unfinished) {
@@ -398,9 +440,21 @@ void FileImp::write_header() {
   header_pending_ = false;
 }
 
-// The OME model is not part of the container yet: whatever the metadata flag says, the
-// "ome_xml" entry is stored as it was read or set.
+// With the metadata flag, "ome_xml" receives the document's OME-XML when the document was
+// built (every committed stack builds it) or the file has no such entry yet; an entry nobody
+// asked for stays as it was read, so that closing an append that added nothing changes nothing.
+void FileImp::store_OME_root() {
+  if (!metadata_flag_) return;
+  if (ome_root_ == nullptr && metadata_.contains(std::string(kOMEKey))) return;
+  try {
+    metadata_[std::string(kOMEKey)] = get_OME_root().XML();
+  } catch (const std::invalid_argument&) {
+    // An entry that does not read is kept as it stands.
+  }
+}
+
 void FileImp::write_metadata() {
+  store_OME_root();
   const std::uint64_t position = internal::seek_end(*this);
   // An append that added nothing leaves the file as it was: the block the header points at is
   // still the last thing in the file and holds the same entries.

@@ -28,6 +28,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
@@ -78,6 +79,7 @@ class TARNIO_EXPORT FileImp : public FileInterface,
   std::uint64_t seek_stack(std::size_t n) override;
   std::uint64_t file_size() const override { return size(); }
   std::shared_ptr<FileInterface> shared() override { return shared_from_this(); }
+  OME::Root& get_OME_root() override;
 
   bool metadata_flag() const { return metadata_flag_; }
   std::uint64_t metadata_position() const { return metadata_position_; }
@@ -104,6 +106,8 @@ class TARNIO_EXPORT FileImp : public FileInterface,
   void write_header();
   void write_metadata();
   void drop_unfinished_stack();
+  void describe_committed(const StackImp& stack);
+  void store_OME_root();
 
   std::vector<std::shared_ptr<StackImp>> stacks_;
   // The stack being written, if any; one at a time.
@@ -120,6 +124,10 @@ class TARNIO_EXPORT FileImp : public FileInterface,
   std::uint64_t metadata_end_ = 0;
   std::uint64_t metadata_field_position_ = 0;
   std::uint64_t bytes_written_ = 0;
+  // Built on first request; null until then and after "ome_xml" is set.
+  std::unique_ptr<OME::Root> ome_root_;
+  // The stacks that the root describes, so that a copied description gains no second image.
+  std::set<std::size_t> described_stacks_;
 };
 
 }  // namespace Tarn::bf

@@ -33,6 +33,10 @@
 #include "tarnio/bf/stack_imp.h"
 #include "tarnio/export.h"
 
+namespace OME {
+class Root;
+}  // namespace OME
+
 namespace Tarn::bf {
 
 class TARNIO_EXPORT FileInterface {
@@ -58,6 +62,16 @@ class TARNIO_EXPORT FileInterface {
   // Adds or replaces an entry of a writable file; written at close. Throws
   // std::invalid_argument "Metadata key must not be empty.".
   virtual void set_metadata(const std::string& key, const std::string& value) = 0;
+
+  // The OME description of the measurement, owned by the file: built from "ome_xml" on first
+  // request (an empty document when there is none), never when the file is opened. On a
+  // writable file with the metadata flag, every stack committed gains an image that describes
+  // it (see tarnio/stack_factory/describe_stack.h) and close() stores the document's OME-XML in
+  // "ome_xml", so an append extends the description. Throws what OME::Root::read_XML throws
+  // for an entry that is not OME-XML or refers to missing IDs, each time it is asked; the
+  // stacks read all the same, and close() then keeps the entry as it was. set_metadata of
+  // "ome_xml" replaces the document.
+  virtual OME::Root& get_OME_root() = 0;
 
   // The stacks on disk in chain order, then those added but not yet written (close() drops
   // those).

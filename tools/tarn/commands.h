@@ -97,6 +97,14 @@ std::string archive_lines(const Tarn::bf::FileInterface& file);
 // Adds the member "kalix" with the archive description to the JSON object of each such stack.
 void add_archive_json(const Tarn::bf::FileInterface& file, JSON::Value& stacks);
 
+// For tarn info: a line per stack whose image in the OME metadata has a name or a pixel size,
+// after an empty line; the error, when the OME metadata cannot be read. Empty otherwise.
+std::string ome_lines(Tarn::bf::FileInterface& file);
+// Adds the member "image" (name, pixel_size: a list of X, Y, Z sizes with units) to each stack
+// object of `info` whose stack has an image, and "ome_error" to `info` when the OME metadata
+// cannot be read.
+void add_ome_json(Tarn::bf::FileInterface& file, JSON::Value& info);
+
 // Writes all `n` bytes to the descriptor, retrying short writes. Throws std::runtime_error
 // "Could not write output: {system text}".
 void write_all(int fd, const void* data, std::size_t n);

@@ -135,7 +135,7 @@ std::string aligned(const std::vector<std::vector<std::string>>& rows) {
   return out;
 }
 
-std::string info_table(const Tarn::bf::FileInterface& file) {
+std::string info_table(Tarn::bf::FileInterface& file) {
   std::vector<std::string> keys;
   for (const auto& entry : file.metadata()) keys.push_back(clean_text(entry.first, true));
   std::string out = aligned({
@@ -153,7 +153,7 @@ std::string info_table(const Tarn::bf::FileInterface& file) {
                     tarn_dt_get_name(stack->type()), shape_text(stack->shape()), axes_text(*stack),
                     compression_text(*stack), chunk_text(*stack), size_text(stack->data_length())});
   }
-  return out + "\n" + aligned(rows) + archive_lines(file);
+  return out + "\n" + aligned(rows) + archive_lines(file) + ome_lines(file);
 }
 
 template <class T>
@@ -193,7 +193,7 @@ JSON::Value stack_json(const Tarn::bf::StackImp& stack, std::size_t index) {
   });
 }
 
-std::string info_json(const Tarn::bf::FileInterface& file) {
+std::string info_json(Tarn::bf::FileInterface& file) {
   JSON::Value keys = JSON::Value::list();
   for (const auto& entry : file.metadata()) keys.push_back(clean_text(entry.first, false));
   JSON::Value stacks = JSON::Value::list();
@@ -201,12 +201,13 @@ std::string info_json(const Tarn::bf::FileInterface& file) {
     stacks.push_back(stack_json(*file.stack(i), i));
   }
   add_archive_json(file, stacks);
-  const JSON::Value info = JSON::Value::object({
+  JSON::Value info = JSON::Value::object({
       {"format_version", file.format_version()},
       {"description", clean_text(file.description(), false)},
       {"metadata_keys", std::move(keys)},
       {"stacks", std::move(stacks)},
   });
+  add_ome_json(file, info);
   return JSON::write(info, 2) + "\n";
 }
 

@@ -1,7 +1,8 @@
 // tarn verify: opens a TBF file (which checks the header, the stack chain and the metadata
 // block), checks the stored form of every stack (each zlib stream inflated against its flush
-// index and adler32, chunk frames against the chunk index) and reads every stack completely; a
-// line per stack, and success only when all of it is intact.
+// index and adler32, chunk frames against the chunk index), reads every stack completely and
+// reads the OME metadata; a line per stack (and one for damaged OME metadata), and success only
+// when all of it is intact.
 
 #include <fmt/format.h>
 
@@ -77,11 +78,21 @@ void run_verify(const VerifyOptions& options) {
     }
     if (interrupted()) throw std::runtime_error("Cancelled by user.");
   }
+  // The OME description is checked apart from the stacks, which read without it.
+  std::optional<std::string> ome_failure;
+  try {
+    file->get_OME_root();
+  } catch (const std::invalid_argument& error) {
+    const std::string line = fmt::format("ome_xml: damaged: {}\n", error.what());
+    write_stdout(line.data(), line.size());
+    ome_failure = fmt::format("Metadata entry 'ome_xml': {}", error.what());
+  }
   if (first_failure) {
     if (failures == 1) throw std::runtime_error(*first_failure);
     throw std::runtime_error(fmt::format("{} ({} of {} stacks damaged)", *first_failure, failures,
                                          file->number_of_stacks()));
   }
+  if (ome_failure) throw std::runtime_error(*ome_failure);
   const std::string summary =
       fmt::format("ok: {} stacks, {} bytes\n", file->number_of_stacks(), file->file_size());
   write_stdout(summary.data(), summary.size());

@@ -24,6 +24,7 @@
 
 #include "tarnio/arrays/data_type.h"
 #include "tarnio/bf/file_interface.h"
+#include "tarnio/units/runtime_value.h"
 #include "tools/tarn/commands.h"
 #include "tools/tarn/progress_bar.h"
 
@@ -40,6 +41,9 @@ struct WriteOptions {
   std::vector<std::uint64_t> shape;
   std::string name;
   std::string description;
+  std::vector<double> lengths;
+  std::vector<std::string> units;
+  std::vector<std::string> labels;
   std::string compression = "none";
   std::uint64_t threads = 0;
   bool append = false;
@@ -122,6 +126,26 @@ void copy_samples(Input& input, StackImp& stack, std::size_t sample) {
   bar.finish();
 }
 
+// Lengths, units and labels of the axes as the options give them; each option that is given
+// has one value per axis.
+void describe_axes(StackImp& stack, const WriteOptions& options) {
+  const std::size_t rank = options.shape.size();
+  const auto check = [rank](std::size_t count, const char* option) {
+    if (count != 0 && count != rank) {
+      throw std::runtime_error(
+          fmt::format("{} needs one value per axis ({}), got {}.", option, rank, count));
+    }
+  };
+  check(options.lengths.size(), "--lengths");
+  check(options.units.size(), "--units");
+  check(options.labels.size(), "--labels");
+  if (!options.lengths.empty()) stack.set_lengths(options.lengths);
+  for (std::size_t axis = 0; axis < options.units.size(); ++axis) {
+    stack.set_units(axis, Tarn::units::RuntimeValue::parse(options.units[axis]));
+  }
+  if (!options.labels.empty()) stack.set_labels(options.labels);
+}
+
 void write_stack(Tarn::bf::FileInterface& file, const WriteOptions& options, Input& input) {
   const Tarn::bf::StackCompression compression = parse_compression(options.compression);
   file.set_threading_support({options.threads, {}});
@@ -130,6 +154,7 @@ void write_stack(Tarn::bf::FileInterface& file, const WriteOptions& options, Inp
   const auto stack = file.add_stack(type, options.shape);
   stack->set_name(options.name);
   stack->set_description(options.description);
+  describe_axes(*stack, options);
   stack->set_compression(compression.type, compression.level);
   copy_samples(input, *stack, tarn_dt_get_size(type));
   stack->commit();
@@ -179,6 +204,20 @@ void add_write_command(CLI::App& app) {
       ->check(CLI::NonNegativeNumber);
   command->add_option("--name", options->name, "The stack's name");
   command->add_option("--description", options->description, "The stack's description");
+  command
+      ->add_option("--lengths", options->lengths,
+                   "The physical length of each axis, in its unit: L0,L1,... (default: its size)")
+      ->delimiter(',');
+  command
+      ->add_option("--units", options->units,
+                   "The unit of each axis: U0,U1,... ('um', 's'; 1 for none). With "
+                   "--lengths 51.2,51.2,10 --units um,um,um a 512x512x20 stack has 0.1 µm pixels "
+                   "and 0.5 µm between planes.")
+      ->delimiter(',');
+  command
+      ->add_option("--labels", options->labels,
+                   "The label of each axis: X,Y,Z,C,T name the axes in the file's OME metadata")
+      ->delimiter(',');
   add_compression_option(*command, options->compression,
                          "none (the default), zlib or zlib:LEVEL with a level from 0 to 9");
   add_threads_option(*command, options->threads, "compressing the data");
