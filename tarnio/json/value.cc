@@ -500,10 +500,7 @@ double Value::get_double() const {
   throw_kind(kind(), Kind::number);
 }
 
-std::string_view Value::get_string() const {
-  if (tag_ >= kInlineStringTag) {
-    return {reinterpret_cast<const char*>(bytes_), std::size_t{tag_} - kInlineStringTag};
-  }
+std::string_view Value::get_long_string() const {
   if (tag_ == kHeapStringTag) return {load<const char*>(bytes_), load_length(bytes_)};
   throw_kind(kind(), Kind::string);
 }

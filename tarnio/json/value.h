@@ -110,7 +110,12 @@ class TARNIO_EXPORT Value {
   std::uint64_t get_uint64() const;
   double get_double() const;  // any number, rounded to the nearest double
   // Valid while the value is neither changed nor destroyed.
-  std::string_view get_string() const;
+  std::string_view get_string() const {
+    if (tag_ >= detail::kInlineStringTag) {
+      return {reinterpret_cast<const char*>(bytes_), std::size_t{tag_} - detail::kInlineStringTag};
+    }
+    return get_long_string();
+  }
 
   // Lists and objects: the number of items or members; 0 for scalars.
   std::size_t size() const noexcept;
@@ -164,6 +169,8 @@ class TARNIO_EXPORT Value {
   void swap(Value& other) noexcept;
 
  private:
+  std::string_view get_long_string() const;
+
   // Implementation state; see value.cc. 15 payload bytes and a tag byte.
   alignas(8) unsigned char bytes_[15] = {};
   std::uint8_t tag_ = 0;

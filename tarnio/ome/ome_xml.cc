@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -15,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "tarnio/json/internal/shortest_double.h"
 #include "tarnio/ome/errors.h"
 #include "tarnio/ome/internal/schema.h"
 #include "tarnio/strings/internal/xml_escape.h"
@@ -224,7 +226,8 @@ void check_namespace(pugi::xml_node root) {
 }
 
 // The text of a scalar; a number is formatted into `buffer`.
-std::string_view value_text(const JSON::Value& value, char (&buffer)[32]) {
+std::string_view value_text(const JSON::Value& value,
+                            char (&buffer)[JSON::internal::kMaxDoubleText]) {
   if (value.is_string()) return value.get_string();
   if (value.is_bool()) return value.get_bool() ? "true" : "false";
   if (!value.is_number()) {
@@ -239,13 +242,13 @@ std::string_view value_text(const JSON::Value& value, char (&buffer)[32]) {
     const double number = value.get_double();
     if (std::isnan(number)) return "NaN";
     if (std::isinf(number)) return number > 0 ? "INF" : "-INF";
-    end = std::to_chars(buffer, buffer + sizeof buffer, number).ptr;  // shortest round trip
+    end = JSON::internal::write_shortest_double(buffer, number);
   }
   return std::string_view(buffer, static_cast<std::size_t>(end - buffer));
 }
 
 std::string format_value(const JSON::Value& value) {
-  char buffer[32];
+  char buffer[JSON::internal::kMaxDoubleText];
   return std::string(value_text(value, buffer));
 }
 
@@ -355,17 +358,24 @@ class Writer {
 
   void write_attribute(std::string_view name, const JSON::Value& value) {
     if (value.is_null()) return;
-    char buffer[32];
-    out_.append(" ").append(name).append("=\"");
+    char buffer[JSON::internal::kMaxDoubleText];
+    out_ += ' ';
+    out_.append(name);
+    out_.append("=\"", 2);
     append_escaped(value_text(value, buffer), "&<\"\t\n\r");
-    out_.append("\"");
+    out_ += '"';
   }
 
   void append_escaped(std::string_view text, std::string_view specials) {
-    // Most values hold nothing to escape; a plain loop finds that faster than find_first_of.
-    const bool plain = std::none_of(text.begin(), text.end(), [](char c) {
-      return c == '&' || c == '<' || c == '>' || c == '"' || c == '\t' || c == '\n' || c == '\r';
-    });
+    // Most values hold nothing to escape; a table finds that faster than find_first_of.
+    static constexpr auto kMayEscape = [] {
+      std::array<bool, 256> table{};
+      for (const char c : std::string_view("&<>\"\t\n\r"))
+        table[static_cast<unsigned char>(c)] = true;
+      return table;
+    }();
+    const bool plain = std::none_of(
+        text.begin(), text.end(), [](char c) { return kMayEscape[static_cast<unsigned char>(c)]; });
     if (plain) {
       out_.append(text);
     } else {
