@@ -23,6 +23,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <span>
 #include <string>
@@ -79,10 +80,16 @@ class TARNIO_EXPORT Value {
   static Value object(std::initializer_list<std::pair<std::string_view, Value>> members);
 
   Value(const Value& other);
-  Value(Value&& other) noexcept;
+  Value(Value&& other) noexcept : tag_(other.tag_) {
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    other.tag_ = detail::kNullTag;
+  }
   Value& operator=(const Value& other);
   Value& operator=(Value&& other) noexcept;
-  ~Value();
+  // Only long strings, lists and objects own memory.
+  ~Value() {
+    if (tag_ >= detail::kHeapStringTag && tag_ <= detail::kObjectTag) release();
+  }
 
   Kind kind() const noexcept {
     using namespace detail;
@@ -170,6 +177,7 @@ class TARNIO_EXPORT Value {
 
  private:
   std::string_view get_long_string() const;
+  void release() noexcept;
 
   // Implementation state; see value.cc. 15 payload bytes and a tag byte.
   alignas(8) unsigned char bytes_[15] = {};

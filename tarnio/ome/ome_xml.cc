@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "tarnio/json/internal/arena.h"
 #include "tarnio/json/internal/shortest_double.h"
 #include "tarnio/ome/errors.h"
 #include "tarnio/ome/internal/schema.h"
@@ -71,6 +72,8 @@ std::string_view local_name(std::string_view name) {
 }
 
 std::string_view trim(std::string_view text) {
+  const auto space = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  if (text.empty() || (!space(text.front()) && !space(text.back()))) return text;
   const auto first = text.find_first_not_of(" \t\r\n");
   if (first == std::string_view::npos) return {};
   return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
@@ -183,22 +186,35 @@ class Reader {
     }
     const Child_Index& children = children_of(type);
     std::string text;
+    // Children of one name mostly stand together (a pixels element's planes): the last name's
+    // slot and list are kept while the element gains no new member, which could move the list.
+    std::string_view last_name;
+    const Child_Slot* last_slot = nullptr;
+    JSON::Value* last_list = nullptr;
+    std::size_t last_size = 0;
     for (pugi::xml_node child : node.children()) {
-      if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
+      const pugi::xml_node_type node_type = child.type();
+      if (node_type == pugi::node_pcdata || node_type == pugi::node_cdata) {
         text += child.value();
         continue;
       }
-      if (child.type() != pugi::node_element) continue;
+      if (node_type != pugi::node_element) continue;
       const std::string_view name = local_name(child.name());
-      const auto slot = children.find(name);
-      if (slot == children.end()) {
-        value[kAny].push_back(raw_xml(child));
-        continue;
+      if (last_slot == nullptr || name != last_name || value.size() != last_size) {
+        const auto slot = children.find(name);
+        if (slot == children.end()) {
+          value[kAny].push_back(raw_xml(child));
+          last_slot = nullptr;
+          continue;
+        }
+        last_name = name;
+        last_slot = &slot->second;
+        last_list = &value[last_slot->child->key];
+        last_size = value.size();
       }
-      const Element_Type& child_type = type_at(slot->second.element);
-      JSON::Value item = element(child, child_type);
-      if (slot->second.child->elements.size() > 1) item.set(kKind, child_type.name);
-      value[slot->second.child->key].push_back(std::move(item));
+      const Element_Type& child_type = type_at(last_slot->element);
+      JSON::Value& item = last_list->push_back(element(child, child_type));
+      if (last_slot->child->elements.size() > 1) item.set(kKind, child_type.name);
     }
     if (type.text.type != Value_Type::none) {
       value.set(kText, convert(type.text, text, [&] { return path_of(node); }));
@@ -447,6 +463,7 @@ JSON::Value read_OME_XML(std::string_view xml) {
   const pugi::xml_node root = document.document_element();
   if (!root) throw Invalid_Data("OME-XML parse error at offset 0: no root element.");
   check_namespace(root);
+  const JSON::internal::ArenaScope arena;
   JSON::Value tree = JSON::Value::object();
   tree["OME"].push_back(Reader().element(root, type_at(0)));
   return tree;
