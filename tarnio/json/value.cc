@@ -92,6 +92,12 @@ struct ListBlock : std::vector<Value, BlockAllocator<Value>> {
   internal::Arena* arena;
 };
 
+// Keys of one object often differ only in their last byte (SizeX, SizeY), which is compared
+// before the rest.
+bool same_key(std::string_view a, std::string_view b) noexcept {
+  return a.size() == b.size() && (a.empty() || (a.back() == b.back() && a == b));
+}
+
 std::size_t hash_key(std::string_view key) noexcept { return std::hash<std::string_view>{}(key); }
 
 // The members in insertion order and, above kMaxUnindexed members, an open-addressing table of
@@ -113,14 +119,14 @@ struct ObjectBlock {
   std::size_t find(std::string_view key) const noexcept {
     if (slots.empty()) {
       const auto it = std::find_if(members.begin(), members.end(),
-                                   [key](const Member& m) { return m.key() == key; });
+                                   [key](const Member& m) { return same_key(m.key(), key); });
       return static_cast<std::size_t>(it - members.begin());
     }
     const std::size_t mask = slots.size() - 1;
     for (std::size_t slot = hash_key(key) & mask;; slot = (slot + 1) & mask) {
       const std::uint32_t entry = slots[slot];
       if (entry == 0) return members.size();
-      if (members[entry - 1].key() == key) return entry - 1;
+      if (same_key(members[entry - 1].key(), key)) return entry - 1;
     }
   }
 
@@ -641,6 +647,12 @@ Value& Value::set(std::string_view key, Value value) {
   ObjectBlock& block = object_in(bytes_);
   const std::size_t position = block.find(key);
   if (position < block.members.size()) return block.members[position].value() = std::move(value);
+  return append_member(key, std::move(value));
+}
+
+Value& Value::append_member(std::string_view key, Value value) {
+  members();
+  ObjectBlock& block = object_in(bytes_);
   block.append(Member(key, std::move(value)));
   return block.members.back().value();
 }

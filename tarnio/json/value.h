@@ -154,6 +154,9 @@ class TARNIO_EXPORT Value {
   bool contains(std::string_view key) const noexcept { return find(key) != nullptr; }
   // Sets key to value: replaces an existing member's value in place, else appends a member.
   Value& set(std::string_view key, Value value);
+  // Appends a member without looking for the key first, for readers that have made sure it
+  // is new; a key that is present already would then be found at its first place only.
+  Value& append_member(std::string_view key, Value value);
   // The member's value; created as null at the end when absent (non-const).
   Value& operator[](std::string_view key);
   // Throws std::runtime_error "JSON path '{key}' not found." when absent.

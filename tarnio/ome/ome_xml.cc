@@ -93,6 +93,10 @@ std::string path_of(pugi::xml_node node) {
   throw Invalid_Data(fmt::format("Invalid {} '{}' in {}.", type.name, text, where));
 }
 
+[[noreturn]] void throw_repeated(pugi::xml_node node, std::string_view attribute) {
+  throw Invalid_Data(fmt::format("Repeated attribute '{}' in {}.", attribute, path_of(node)));
+}
+
 template <typename Number>
 bool parse_number(std::string_view text, Number& number) {
   if (text.starts_with('+')) text.remove_prefix(1);
@@ -123,8 +127,8 @@ JSON::Value convert(const Simple_Type& type, std::string_view raw, Where where) 
         number = std::numeric_limits<double>::quiet_NaN();
       } else if (text == "INF" || text == "-INF") {
         number = text == "INF" ? internal::kUnbounded : -internal::kUnbounded;
-      } else if (!parse_number(text.starts_with('.') ? fmt::format("0{}", text) : std::string(text),
-                               number)) {
+      } else if (text.starts_with('.') ? !parse_number(fmt::format("0{}", text), number)
+                                       : !parse_number(text, number)) {
         break;
       }
       if (in_range(type, number)) return number;
@@ -163,20 +167,30 @@ class Reader {
     for (pugi::xml_attribute a = node.first_attribute(); a; a = a.next_attribute()) ++attributes;
     value.reserve(attributes + (node.first_child() ? 1 : 0));
     // Attributes mostly come in schema order: each search starts after the last one found.
+    // The parser lets an attribute repeat; the schema's are ticked off as they come, so that
+    // they are appended without a search of the members, and others are looked for.
     auto next = type.attributes.begin();
+    std::uint64_t seen = 0;
     for (pugi::xml_attribute attribute : node.attributes()) {
       const std::string_view name = attribute.name();
       const auto is_name = [&](const auto& a) { return a.name == name; };
       auto known = std::find_if(next, type.attributes.end(), is_name);
-      if (known == type.attributes.end())
+      if (known == type.attributes.end()) {
         known = std::find_if(type.attributes.begin(), next, is_name);
-      if (known == type.attributes.end() || known->name != name) {
-        value.set(name, attribute.value());
-      } else {
-        value.set(name, convert(known->value, attribute.value(),
-                                [&] { return fmt::format("{}.{}", path_of(node), name); }));
-        next = known + 1;
+        if (known == next) known = type.attributes.end();
       }
+      const auto index = known - type.attributes.begin();
+      const std::uint64_t bit = index < 64 ? std::uint64_t{1} << index : 0;
+      if (known == type.attributes.end() || bit == 0) {
+        if (value.contains(name)) throw_repeated(node, name);
+        value.append_member(name, attribute.value());
+        continue;
+      }
+      if ((seen & bit) != 0) throw_repeated(node, name);
+      seen |= bit;
+      value.append_member(name, convert(known->value, attribute.value(),
+                                        [&] { return fmt::format("{}.{}", path_of(node), name); }));
+      next = known + 1;
     }
     if (type.any_content) {
       std::string xml;

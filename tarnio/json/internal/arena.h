@@ -6,9 +6,10 @@
 // While an ArenaScope is open on a thread, the lists and objects that JSON::Value creates on
 // that thread take their blocks and their item storage from the scope's arena. Once the scope
 // closes, the arena hands out no more memory: containers of the tree that grow later move
-// their items to the heap, and new nodes live on the heap as any other. Freeing memory
-// inside the arena is a no-op; the arena itself is freed when the scope has closed and the
-// last block taken from it is destroyed, so subtrees moved out of the tree stay valid.
+// their items to the heap, and new nodes live on the heap as any other. Memory given back to
+// the arena serves later requests of the same size while the scope is open and stays unused
+// after; the arena itself is freed when the scope has closed and the last block taken from it
+// is destroyed, so subtrees moved out of the tree stay valid.
 //
 // Threading: a scope belongs to its thread; blocks of one arena may be destroyed on
 // different threads.
@@ -30,7 +31,7 @@ class Arena {
   // The arena of the scope open on this thread, or null.
   static Arena* current() noexcept;
 
-  Arena() = default;
+  Arena();
 
   // Memory for `bytes` bytes aligned for any Value: from the arena while its scope is open,
   // else from the heap.
@@ -46,12 +47,15 @@ class Arena {
   friend class ArenaScope;
 
   bool owns(const void* memory) const noexcept;
+  std::byte* new_chunk(std::size_t bytes);
 
   // The address ranges of the chunks, sorted.
   using Range = std::pair<std::uintptr_t, std::uintptr_t>;
 
-  // A request larger than a chunk gets one of its own.
+  // A request larger than a quarter chunk gets one of its own.
   std::vector<std::unique_ptr<std::byte[]>> chunks_;
+  // Per size, a list of freed blocks linked through their first bytes.
+  std::vector<std::pair<std::size_t, void*>> free_;
   std::vector<Range> ranges_;
   std::byte* next_ = nullptr;
   std::byte* end_ = nullptr;
