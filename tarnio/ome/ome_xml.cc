@@ -66,6 +66,12 @@ bool text_only(const Element_Type& type) {
          type.text.type != Value_Type::none;
 }
 
+// Names of one element often differ only in their last letter (SizeX, SizeY), which is
+// compared first.
+bool same_name(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && (a.empty() || (a.back() == b.back() && a == b));
+}
+
 std::string_view local_name(std::string_view name) {
   const auto colon = name.find(':');
   return colon == std::string_view::npos ? name : name.substr(colon + 1);
@@ -313,12 +319,12 @@ class Writer {
     std::size_t next = 0;
     const auto take = [&](std::string_view key) -> const JSON::Value* {
       if (remaining == 0) return nullptr;
-      if (next < members.size() && members[next].key() == key) {
+      if (next < members.size() && same_name(members[next].key(), key)) {
         --remaining;
         return &members[next++].value();
       }
       for (std::size_t i = 0; i < members.size(); ++i) {
-        if (members[i].key() == key) {
+        if (same_name(members[i].key(), key)) {
           --remaining;
           next = i + 1;
           return &members[i].value();
