@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tarnio/errors/internal/os_error.h"
+#include "tarnio/json/internal/arena.h"
 #include "tarnio/json/internal/read_error.h"
 #include "tarnio/json/read_write.h"
 
@@ -158,6 +159,7 @@ class TreeBuilder {
 
 Value read(std::string_view text) {
   internal::check_text_start(text);
+  const internal::ArenaScope arena;
   TreeBuilder builder(text);
   const char* const begin = text.data();
   const char* const end = begin + text.size();

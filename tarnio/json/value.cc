@@ -13,8 +13,11 @@
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <type_traits>
 #include <variant>
 #include <vector>
+
+#include "tarnio/json/internal/arena.h"
 
 namespace JSON {
 
@@ -26,7 +29,7 @@ constexpr std::size_t kMaxInlineString = 14;
 constexpr std::size_t kLengthOffset = 8;
 constexpr std::size_t kLengthBytes = 7;
 // Objects with more members than this find keys through a hash table, smaller ones by a scan.
-constexpr std::size_t kMaxUnindexed = 8;
+constexpr std::size_t kMaxUnindexed = 16;
 
 template <typename T>
 T load(const unsigned char* bytes) noexcept {
@@ -54,7 +57,46 @@ void store_length(unsigned char* bytes, std::size_t length) noexcept {
   }
 }
 
-using ListBlock = std::vector<Value>;
+// Allocates from the arena the container was read into, or from the heap (arena null). The
+// allocator travels with the storage it gave, and copies of a tree start on the heap.
+template <typename T>
+struct BlockAllocator {
+  using value_type = T;
+  using propagate_on_container_move_assignment = std::true_type;
+  using propagate_on_container_swap = std::true_type;
+
+  internal::Arena* arena = nullptr;
+
+  BlockAllocator() noexcept = default;
+  explicit BlockAllocator(internal::Arena* from) noexcept : arena(from) {}
+  template <typename U>
+  BlockAllocator(const BlockAllocator<U>& other) noexcept : arena(other.arena) {}
+
+  T* allocate(std::size_t count) {
+    if (arena == nullptr) return std::allocator<T>().allocate(count);
+    return static_cast<T*>(arena->allocate(count * sizeof(T)));
+  }
+  void deallocate(T* memory, std::size_t count) noexcept {
+    if (arena == nullptr) return std::allocator<T>().deallocate(memory, count);
+    arena->deallocate(memory, count * sizeof(T));
+  }
+  BlockAllocator select_on_container_copy_construction() const noexcept { return {}; }
+  friend bool operator==(const BlockAllocator& a, const BlockAllocator& b) noexcept {
+    return a.arena == b.arena;
+  }
+};
+
+// A list's items; `arena` is where the block itself lies (null: the heap).
+struct ListBlock : std::vector<Value, BlockAllocator<Value>> {
+  explicit ListBlock(internal::Arena* from) : vector(BlockAllocator<Value>(from)), arena(from) {}
+  internal::Arena* arena;
+};
+
+// Keys of one object often differ only in their last byte (SizeX, SizeY), which is compared
+// before the rest.
+bool same_key(std::string_view a, std::string_view b) noexcept {
+  return a.size() == b.size() && (a.empty() || (a.back() == b.back() && a == b));
+}
 
 std::size_t hash_key(std::string_view key) noexcept { return std::hash<std::string_view>{}(key); }
 
@@ -62,21 +104,29 @@ std::size_t hash_key(std::string_view key) noexcept { return std::hash<std::stri
 // their positions: a slot holds position + 1, or 0 when free; its size is a power of two at
 // least twice the member count.
 struct ObjectBlock {
-  std::vector<Member> members;
-  std::vector<std::uint32_t> slots;
+  using Slots = std::vector<std::uint32_t, BlockAllocator<std::uint32_t>>;
+
+  explicit ObjectBlock(internal::Arena* from)
+      : members(BlockAllocator<Member>(from)),
+        slots(BlockAllocator<std::uint32_t>(from)),
+        arena(from) {}
+
+  std::vector<Member, BlockAllocator<Member>> members;
+  Slots slots;
+  internal::Arena* arena;  // where the block itself lies (null: the heap)
 
   // The member's position, or members.size() when absent.
   std::size_t find(std::string_view key) const noexcept {
     if (slots.empty()) {
       const auto it = std::find_if(members.begin(), members.end(),
-                                   [key](const Member& m) { return m.key() == key; });
+                                   [key](const Member& m) { return same_key(m.key(), key); });
       return static_cast<std::size_t>(it - members.begin());
     }
     const std::size_t mask = slots.size() - 1;
     for (std::size_t slot = hash_key(key) & mask;; slot = (slot + 1) & mask) {
       const std::uint32_t entry = slots[slot];
       if (entry == 0) return members.size();
-      if (members[entry - 1].key() == key) return entry - 1;
+      if (same_key(members[entry - 1].key(), key)) return entry - 1;
     }
   }
 
@@ -91,7 +141,7 @@ struct ObjectBlock {
   // The key must be absent. Allocates before changing anything, so a failure changes nothing.
   void append(Member member) {
     const std::size_t count = members.size() + 1;
-    std::vector<std::uint32_t> grown;
+    Slots grown(slots.get_allocator());
     if (count > kMaxUnindexed && 2 * count > slots.size()) {
       grown.assign(std::bit_ceil(2 * count), 0);
     }
@@ -108,7 +158,7 @@ struct ObjectBlock {
   // allows a backward-shift deletion, and later positions move down by one.
   void erase(std::size_t position) noexcept {
     if (members.size() - 1 <= kMaxUnindexed) {
-      std::vector<std::uint32_t>().swap(slots);
+      Slots().swap(slots);
     } else if (!slots.empty()) {
       const std::size_t mask = slots.size() - 1;
       const auto entry = static_cast<std::uint32_t>(position + 1);
@@ -139,6 +189,28 @@ struct ObjectBlock {
     slots[slot] = static_cast<std::uint32_t>(position + 1);
   }
 };
+
+// A new block, in the arena of the scope open on this thread if there is one.
+template <typename Block>
+Block* new_block() {
+  internal::Arena* arena = internal::Arena::current();
+  if (arena == nullptr) return std::make_unique<Block>(nullptr).release();
+  void* memory = arena->allocate(sizeof(Block));
+  Block* block = std::construct_at(static_cast<Block*>(memory), arena);
+  arena->acquire_block();
+  return block;
+}
+
+template <typename Block>
+void delete_block(Block* block) noexcept {
+  internal::Arena* arena = block->arena;
+  if (arena == nullptr) {
+    std::unique_ptr<Block> owned(block);
+    return;
+  }
+  std::destroy_at(block);
+  arena->release_block();
+}
 
 ListBlock& list_in(const unsigned char* bytes) noexcept { return *load<ListBlock*>(bytes); }
 ObjectBlock& object_in(const unsigned char* bytes) noexcept { return *load<ObjectBlock*>(bytes); }
@@ -361,7 +433,7 @@ Value::Value(std::string_view s) {
 
 Value Value::list() {
   Value value;
-  store(value.bytes_, std::make_unique<ListBlock>().release());
+  store(value.bytes_, new_block<ListBlock>());
   value.tag_ = kListTag;
   return value;
 }
@@ -374,7 +446,7 @@ Value Value::list(std::initializer_list<Value> items) {
 
 Value Value::object() {
   Value value;
-  store(value.bytes_, std::make_unique<ObjectBlock>().release());
+  store(value.bytes_, new_block<ObjectBlock>());
   value.tag_ = kObjectTag;
   return value;
 }
@@ -430,10 +502,6 @@ Value::Value(const Value& other) {
   swap(result);
 }
 
-Value::Value(Value&& other) noexcept : tag_(std::exchange(other.tag_, kNullTag)) {
-  std::memcpy(bytes_, other.bytes_, sizeof bytes_);
-}
-
 // Through a temporary, so that assigning a value's own child works.
 Value& Value::operator=(const Value& other) {
   Value copy(other);
@@ -452,7 +520,7 @@ Value& Value::operator=(Value&& other) noexcept {
 
 // Iterative: nested lists and objects move to a work list before their parent is freed, so
 // each destructor below frees only children without nested content.
-Value::~Value() {
+void Value::release() noexcept {
   if (tag_ == kHeapStringTag) {
     std::allocator<char>().deallocate(load<char*>(bytes_), load_length(bytes_));
     return;
@@ -466,9 +534,9 @@ Value::~Value() {
     take_nested(last, nested);
   }
   if (tag_ == kListTag) {
-    std::unique_ptr<ListBlock> block(load<ListBlock*>(bytes_));
+    delete_block(load<ListBlock*>(bytes_));
   } else {
-    std::unique_ptr<ObjectBlock> block(load<ObjectBlock*>(bytes_));
+    delete_block(load<ObjectBlock*>(bytes_));
   }
 }
 
@@ -500,10 +568,7 @@ double Value::get_double() const {
   throw_kind(kind(), Kind::number);
 }
 
-std::string_view Value::get_string() const {
-  if (tag_ >= kInlineStringTag) {
-    return {reinterpret_cast<const char*>(bytes_), std::size_t{tag_} - kInlineStringTag};
-  }
+std::string_view Value::get_long_string() const {
   if (tag_ == kHeapStringTag) return {load<const char*>(bytes_), load_length(bytes_)};
   throw_kind(kind(), Kind::string);
 }
@@ -582,6 +647,12 @@ Value& Value::set(std::string_view key, Value value) {
   ObjectBlock& block = object_in(bytes_);
   const std::size_t position = block.find(key);
   if (position < block.members.size()) return block.members[position].value() = std::move(value);
+  return append_member(key, std::move(value));
+}
+
+Value& Value::append_member(std::string_view key, Value value) {
+  members();
+  ObjectBlock& block = object_in(bytes_);
   block.append(Member(key, std::move(value)));
   return block.members.back().value();
 }

@@ -23,6 +23,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <span>
 #include <string>
@@ -79,10 +80,16 @@ class TARNIO_EXPORT Value {
   static Value object(std::initializer_list<std::pair<std::string_view, Value>> members);
 
   Value(const Value& other);
-  Value(Value&& other) noexcept;
+  Value(Value&& other) noexcept : tag_(other.tag_) {
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    other.tag_ = detail::kNullTag;
+  }
   Value& operator=(const Value& other);
   Value& operator=(Value&& other) noexcept;
-  ~Value();
+  // Only long strings, lists and objects own memory.
+  ~Value() {
+    if (tag_ >= detail::kHeapStringTag && tag_ <= detail::kObjectTag) release();
+  }
 
   Kind kind() const noexcept {
     using namespace detail;
@@ -110,7 +117,12 @@ class TARNIO_EXPORT Value {
   std::uint64_t get_uint64() const;
   double get_double() const;  // any number, rounded to the nearest double
   // Valid while the value is neither changed nor destroyed.
-  std::string_view get_string() const;
+  std::string_view get_string() const {
+    if (tag_ >= detail::kInlineStringTag) {
+      return {reinterpret_cast<const char*>(bytes_), std::size_t{tag_} - detail::kInlineStringTag};
+    }
+    return get_long_string();
+  }
 
   // Lists and objects: the number of items or members; 0 for scalars.
   std::size_t size() const noexcept;
@@ -142,6 +154,9 @@ class TARNIO_EXPORT Value {
   bool contains(std::string_view key) const noexcept { return find(key) != nullptr; }
   // Sets key to value: replaces an existing member's value in place, else appends a member.
   Value& set(std::string_view key, Value value);
+  // Appends a member without looking for the key first, for readers that have made sure it
+  // is new; a key that is present already would then be found at its first place only.
+  Value& append_member(std::string_view key, Value value);
   // The member's value; created as null at the end when absent (non-const).
   Value& operator[](std::string_view key);
   // Throws std::runtime_error "JSON path '{key}' not found." when absent.
@@ -164,6 +179,9 @@ class TARNIO_EXPORT Value {
   void swap(Value& other) noexcept;
 
  private:
+  std::string_view get_long_string() const;
+  void release() noexcept;
+
   // Implementation state; see value.cc. 15 payload bytes and a tag byte.
   alignas(8) unsigned char bytes_[15] = {};
   std::uint8_t tag_ = 0;

@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "tarnio/json/internal/arena.h"
 #include "tarnio/json/read_write.h"
 #include "tarnio/strings/internal/xml_escape.h"
 
@@ -377,6 +378,7 @@ Value from_xml(std::string_view xml) {
       document.load_buffer(xml.data(), xml.size(), kParseOptions, pugi::encoding_auto);
   if (!parsed) throw_parse_error(parsed.offset, parsed.description());
   const pugi::xml_node root = root_element(document);
+  const internal::ArenaScope arena;
   Value result = Value::object();
   Value& roots = result.set(root.name(), Value::list());
   roots.push_back(Value());

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -15,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "tarnio/json/internal/arena.h"
+#include "tarnio/json/internal/shortest_double.h"
 #include "tarnio/ome/errors.h"
 #include "tarnio/ome/internal/schema.h"
 #include "tarnio/ome/internal/typed_annotations.h"
@@ -66,12 +69,20 @@ bool text_only(const Element_Type& type) {
          type.text.type != Value_Type::none;
 }
 
+// Names of one element often differ only in their last letter (SizeX, SizeY), which is
+// compared first.
+bool same_name(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && (a.empty() || (a.back() == b.back() && a == b));
+}
+
 std::string_view local_name(std::string_view name) {
   const auto colon = name.find(':');
   return colon == std::string_view::npos ? name : name.substr(colon + 1);
 }
 
 std::string_view trim(std::string_view text) {
+  const auto space = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  if (text.empty() || (!space(text.front()) && !space(text.back()))) return text;
   const auto first = text.find_first_not_of(" \t\r\n");
   if (first == std::string_view::npos) return {};
   return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
@@ -89,6 +100,10 @@ std::string path_of(pugi::xml_node node) {
 
 [[noreturn]] void throw_invalid(const Simple_Type& type, std::string_view text, std::string where) {
   throw Invalid_Data(fmt::format("Invalid {} '{}' in {}.", type.name, text, where));
+}
+
+[[noreturn]] void throw_repeated(pugi::xml_node node, std::string_view attribute) {
+  throw Invalid_Data(fmt::format("Repeated attribute '{}' in {}.", attribute, path_of(node)));
 }
 
 template <typename Number>
@@ -121,8 +136,8 @@ JSON::Value convert(const Simple_Type& type, std::string_view raw, Where where) 
         number = std::numeric_limits<double>::quiet_NaN();
       } else if (text == "INF" || text == "-INF") {
         number = text == "INF" ? internal::kUnbounded : -internal::kUnbounded;
-      } else if (!parse_number(text.starts_with('.') ? fmt::format("0{}", text) : std::string(text),
-                               number)) {
+      } else if (text.starts_with('.') ? !parse_number(fmt::format("0{}", text), number)
+                                       : !parse_number(text, number)) {
         break;
       }
       if (in_range(type, number)) return number;
@@ -161,20 +176,30 @@ class Reader {
     for (pugi::xml_attribute a = node.first_attribute(); a; a = a.next_attribute()) ++attributes;
     value.reserve(attributes + (node.first_child() ? 1 : 0));
     // Attributes mostly come in schema order: each search starts after the last one found.
+    // The parser lets an attribute repeat; the schema's are ticked off as they come, so that
+    // they are appended without a search of the members, and others are looked for.
     auto next = type.attributes.begin();
+    std::uint64_t seen = 0;
     for (pugi::xml_attribute attribute : node.attributes()) {
       const std::string_view name = attribute.name();
       const auto is_name = [&](const auto& a) { return a.name == name; };
       auto known = std::find_if(next, type.attributes.end(), is_name);
-      if (known == type.attributes.end())
+      if (known == type.attributes.end()) {
         known = std::find_if(type.attributes.begin(), next, is_name);
-      if (known == type.attributes.end() || known->name != name) {
-        value.set(name, attribute.value());
-      } else {
-        value.set(name, convert(known->value, attribute.value(),
-                                [&] { return fmt::format("{}.{}", path_of(node), name); }));
-        next = known + 1;
+        if (known == next) known = type.attributes.end();
       }
+      const auto index = known - type.attributes.begin();
+      const std::uint64_t bit = index < 64 ? std::uint64_t{1} << index : 0;
+      if (known == type.attributes.end() || bit == 0) {
+        if (value.contains(name)) throw_repeated(node, name);
+        value.append_member(name, attribute.value());
+        continue;
+      }
+      if ((seen & bit) != 0) throw_repeated(node, name);
+      seen |= bit;
+      value.append_member(name, convert(known->value, attribute.value(),
+                                        [&] { return fmt::format("{}.{}", path_of(node), name); }));
+      next = known + 1;
     }
     if (type.any_content) {
       std::string xml;
@@ -184,23 +209,36 @@ class Reader {
     }
     const Child_Index& children = children_of(type);
     std::string text;
+    // Children of one name mostly stand together (a pixels element's planes): the last name's
+    // slot and list are kept while the element gains no new member, which could move the list.
+    std::string_view last_name;
+    const Child_Slot* last_slot = nullptr;
+    JSON::Value* last_list = nullptr;
+    std::size_t last_size = 0;
     for (pugi::xml_node child : node.children()) {
-      if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
+      const pugi::xml_node_type node_type = child.type();
+      if (node_type == pugi::node_pcdata || node_type == pugi::node_cdata) {
         text += child.value();
         continue;
       }
-      if (child.type() != pugi::node_element) continue;
+      if (node_type != pugi::node_element) continue;
       const std::string_view name = local_name(child.name());
-      const auto slot = children.find(name);
-      if (slot == children.end()) {
-        value[kAny].push_back(raw_xml(child));
-        continue;
+      if (last_slot == nullptr || name != last_name || value.size() != last_size) {
+        const auto slot = children.find(name);
+        if (slot == children.end()) {
+          value[kAny].push_back(raw_xml(child));
+          last_slot = nullptr;
+          continue;
+        }
+        last_name = name;
+        last_slot = &slot->second;
+        last_list = &value[last_slot->child->key];
+        last_size = value.size();
       }
-      const Element_Type& child_type = type_at(slot->second.element);
-      JSON::Value item = element(child, child_type);
-      if (slot->second.child->elements.size() > 1) item.set(kKind, child_type.name);
+      const Element_Type& child_type = type_at(last_slot->element);
+      JSON::Value& item = last_list->push_back(element(child, child_type));
+      if (last_slot->child->elements.size() > 1) item.set(kKind, child_type.name);
       if (child_type.name == kXMLAnnotation) internal::read_typed_annotation(item);
-      value[slot->second.child->key].push_back(std::move(item));
     }
     if (type.text.type != Value_Type::none) {
       value.set(kText, convert(type.text, text, [&] { return path_of(node); }));
@@ -228,7 +266,8 @@ void check_namespace(pugi::xml_node root) {
 }
 
 // The text of a scalar; a number is formatted into `buffer`.
-std::string_view value_text(const JSON::Value& value, char (&buffer)[32]) {
+std::string_view value_text(const JSON::Value& value,
+                            char (&buffer)[JSON::internal::kMaxDoubleText]) {
   if (value.is_string()) return value.get_string();
   if (value.is_bool()) return value.get_bool() ? "true" : "false";
   if (!value.is_number()) {
@@ -243,13 +282,13 @@ std::string_view value_text(const JSON::Value& value, char (&buffer)[32]) {
     const double number = value.get_double();
     if (std::isnan(number)) return "NaN";
     if (std::isinf(number)) return number > 0 ? "INF" : "-INF";
-    end = std::to_chars(buffer, buffer + sizeof buffer, number).ptr;  // shortest round trip
+    end = JSON::internal::write_shortest_double(buffer, number);
   }
   return std::string_view(buffer, static_cast<std::size_t>(end - buffer));
 }
 
 std::string format_value(const JSON::Value& value) {
-  char buffer[32];
+  char buffer[JSON::internal::kMaxDoubleText];
   return std::string(value_text(value, buffer));
 }
 
@@ -284,12 +323,12 @@ class Writer {
     std::size_t next = 0;
     const auto take = [&](std::string_view key) -> const JSON::Value* {
       if (remaining == 0) return nullptr;
-      if (next < members.size() && members[next].key() == key) {
+      if (next < members.size() && same_name(members[next].key(), key)) {
         --remaining;
         return &members[next++].value();
       }
       for (std::size_t i = 0; i < members.size(); ++i) {
-        if (members[i].key() == key) {
+        if (same_name(members[i].key(), key)) {
           --remaining;
           next = i + 1;
           return &members[i].value();
@@ -363,17 +402,24 @@ class Writer {
 
   void write_attribute(std::string_view name, const JSON::Value& value) {
     if (value.is_null()) return;
-    char buffer[32];
-    out_.append(" ").append(name).append("=\"");
+    char buffer[JSON::internal::kMaxDoubleText];
+    out_ += ' ';
+    out_.append(name);
+    out_.append("=\"", 2);
     append_escaped(value_text(value, buffer), "&<\"\t\n\r");
-    out_.append("\"");
+    out_ += '"';
   }
 
   void append_escaped(std::string_view text, std::string_view specials) {
-    // Most values hold nothing to escape; a plain loop finds that faster than find_first_of.
-    const bool plain = std::none_of(text.begin(), text.end(), [](char c) {
-      return c == '&' || c == '<' || c == '>' || c == '"' || c == '\t' || c == '\n' || c == '\r';
-    });
+    // Most values hold nothing to escape; a table finds that faster than find_first_of.
+    static constexpr auto kMayEscape = [] {
+      std::array<bool, 256> table{};
+      for (const char c : std::string_view("&<>\"\t\n\r"))
+        table[static_cast<unsigned char>(c)] = true;
+      return table;
+    }();
+    const bool plain = std::none_of(
+        text.begin(), text.end(), [](char c) { return kMayEscape[static_cast<unsigned char>(c)]; });
     if (plain) {
       out_.append(text);
     } else {
@@ -445,6 +491,7 @@ JSON::Value read_OME_XML(std::string_view xml) {
   const pugi::xml_node root = document.document_element();
   if (!root) throw Invalid_Data("OME-XML parse error at offset 0: no root element.");
   check_namespace(root);
+  const JSON::internal::ArenaScope arena;
   JSON::Value tree = JSON::Value::object();
   tree["OME"].push_back(Reader().element(root, type_at(0)));
   return tree;
