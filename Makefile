@@ -3,6 +3,7 @@
 
 BUILD ?= build
 SANITIZE_BUILD ?= build-sanitize
+COVERAGE_BUILD ?= build-coverage
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
@@ -12,11 +13,11 @@ PACKAGES := cmake make g++ pkg-config zlib1g-dev libfmt-dev libboost-dev libgtes
             nlohmann-json3-dev libpugixml-dev libxml2-utils \
             libisal-dev libdeflate-dev pigz libhdf5-dev \
             python3 python3-zarr pybind11-dev python3-dev python3-numpy python3-dask \
-            python3-distributed python3-pytest
+            python3-distributed python3-pytest gcovr
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test demo bench sanitize format clean
+.PHONY: all deps configure build test demo bench sanitize coverage format clean
 
 all: build
 
@@ -59,9 +60,23 @@ sanitize: deps
 	cmake --build $(SANITIZE_BUILD) -j $(JOBS)
 	ctest --test-dir $(SANITIZE_BUILD) --output-on-failure -j $(JOBS)
 
+# Line and branch coverage of the library and the tool by the whole suite, from an unoptimised
+# build; the counters of an earlier run are cleared first.
+coverage: deps
+	@cmake -S . -B $(COVERAGE_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS="--coverage -O0" \
+	  -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage \
+	  -DTARNIO_BUILD_BENCHMARKS=OFF -DTARNIO_BUILD_PYTHON=OFF -DTARNIO_WERROR=ON $(CMAKE_FLAGS) > /dev/null
+	cmake --build $(COVERAGE_BUILD) -j $(JOBS)
+	find $(COVERAGE_BUILD) -name '*.gcda' -delete
+	ctest --test-dir $(COVERAGE_BUILD) --output-on-failure -j $(JOBS)
+	gcovr --root . --object-directory $(COVERAGE_BUILD) --filter 'tarnio/' --filter 'tools/tarn/' \
+	  --exclude '.*_test\.cc$$' --exclude 'tarnio/testing/' --exclude-unreachable-branches \
+	  --exclude-throw-branches --print-summary --txt $(COVERAGE_BUILD)/coverage.txt
+	@tail -n 3 $(COVERAGE_BUILD)/coverage.txt
+
 # Rewrites the sources in the project's format.
 format:
 	git ls-files '*.h' '*.cc' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(SANITIZE_BUILD)
+	rm -rf $(BUILD) $(SANITIZE_BUILD) $(COVERAGE_BUILD)
