@@ -22,10 +22,12 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 all: build
 
 # Installs what is missing; says nothing and asks nothing when all is there.
+# One query for all packages: a query each costs seconds on a busy machine.
 deps:
-	@missing=""; \
+	@installed=" $$(dpkg-query -W -f='$${db:Status-Status}:$${Package} ' $(PACKAGES) 2>/dev/null) "; \
+	missing=""; \
 	for p in $(PACKAGES); do \
-	  [ "$$(dpkg-query -W -f='$${db:Status-Status}' $$p 2>/dev/null)" = installed ] || missing="$$missing $$p"; \
+	  case "$$installed" in *" installed:$$p "*) ;; *) missing="$$missing $$p" ;; esac; \
 	done; \
 	if [ -n "$$missing" ]; then \
 	  echo "Installing:$$missing"; \
@@ -33,9 +35,15 @@ deps:
 	  $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
 
+# Configures again only when the flags differ from the last time (kept beside the cache); the
+# build itself reconfigures when a CMakeLists.txt changes.
+CONFIGURE_FLAGS = -DCMAKE_BUILD_TYPE=Release -DTARNIO_BUILD_BENCHMARKS=ON -DTARNIO_WERROR=ON \
+                  $(CMAKE_FLAGS)
 configure: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DTARNIO_BUILD_BENCHMARKS=ON \
-	  -DTARNIO_WERROR=ON $(CMAKE_FLAGS) > /dev/null
+	@if [ "$$(cat $(BUILD)/configured-with 2>/dev/null)" != "$(strip $(CONFIGURE_FLAGS))" ]; then \
+	  cmake -S . -B $(BUILD) $(CONFIGURE_FLAGS) > /dev/null && \
+	  echo "$(strip $(CONFIGURE_FLAGS))" > $(BUILD)/configured-with; \
+	fi
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
