@@ -196,6 +196,9 @@ def main():
     parser.add_argument("--test-timeout", type=int, default=120,
                         help="seconds after which a test counts as hung (and the fault as caught)")
     parser.add_argument("--output", type=Path, help="the result table (default: <build>/fault-results.txt)")
+    parser.add_argument("--baseline", type=Path,
+                        help="a result table of an earlier run: name the faults it caught that "
+                             "this run misses, and fail if there are any")
     parser.add_argument("--check", action="store_true",
                         help="only check that every fault applies to the source tree")
     args = parser.parse_args()
@@ -242,7 +245,29 @@ def main():
                    f"{broken} not built or not applicable ({time.monotonic() - started:.0f} s)")
         print(summary)
         table.write(summary + "\n")
+    if args.baseline:
+        return report_lost(read_results(args.baseline), read_results(output))
     return 0
+
+
+def read_results(path):
+    """The result of each fault id in a result table."""
+    results = {}
+    for line in path.read_text().splitlines():
+        fields = line.split(None, 2)
+        if len(fields) == 3 and fields[0] != "id" and fields[1] != "faults:":
+            results[fields[0]] = fields[2]
+    return results
+
+
+def report_lost(before, now):
+    """Names the faults caught before that are missed now; 1 when there are any."""
+    lost = [i for i, result in now.items()
+            if result == "MISSED" and i in before and before[i] not in ("MISSED", "NO-BUILD")]
+    for fault_id in lost:
+        print(f"LOST {fault_id}: caught before by {before[fault_id]}")
+    print(f"{len(lost)} faults caught before are missed now")
+    return 1 if lost else 0
 
 
 if __name__ == "__main__":
