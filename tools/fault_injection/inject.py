@@ -251,10 +251,10 @@ def main():
 
 
 def read_results(path):
-    """The result of each fault id in a result table."""
+    """The result of each fault id in a result table; lines starting with # are comments."""
     results = {}
     for line in path.read_text().splitlines():
-        fields = line.split(None, 2)
+        fields = [] if line.startswith("#") else line.split(None, 2)
         if len(fields) == 3 and fields[0] != "id" and fields[1] != "faults:":
             results[fields[0]] = fields[2]
     return results
