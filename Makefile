@@ -3,6 +3,7 @@
 
 BUILD ?= build
 SANITIZE_BUILD ?= build-sanitize
+COVERAGE_BUILD ?= build-coverage
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
@@ -12,19 +13,21 @@ PACKAGES := cmake make g++ pkg-config zlib1g-dev libfmt-dev libboost-dev libgtes
             nlohmann-json3-dev libpugixml-dev libxml2-utils \
             libisal-dev libdeflate-dev pigz libhdf5-dev \
             python3 python3-zarr pybind11-dev python3-dev python3-numpy python3-dask \
-            python3-distributed python3-pytest
+            python3-distributed python3-pytest gcovr
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test demo bench sanitize format clean
+.PHONY: all deps configure build test demo bench sanitize coverage format clean
 
 all: build
 
 # Installs what is missing; says nothing and asks nothing when all is there.
+# One query for all packages: a query each costs seconds on a busy machine.
 deps:
-	@missing=""; \
+	@installed=" $$(dpkg-query -W -f='$${db:Status-Status}:$${Package} ' $(PACKAGES) 2>/dev/null) "; \
+	missing=""; \
 	for p in $(PACKAGES); do \
-	  [ "$$(dpkg-query -W -f='$${db:Status-Status}' $$p 2>/dev/null)" = installed ] || missing="$$missing $$p"; \
+	  case "$$installed" in *" installed:$$p "*) ;; *) missing="$$missing $$p" ;; esac; \
 	done; \
 	if [ -n "$$missing" ]; then \
 	  echo "Installing:$$missing"; \
@@ -32,9 +35,15 @@ deps:
 	  $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
 
+# Configures again only when the flags differ from the last time (kept beside the cache); the
+# build itself reconfigures when a CMakeLists.txt changes.
+CONFIGURE_FLAGS = -DCMAKE_BUILD_TYPE=Release -DTARNIO_BUILD_BENCHMARKS=ON -DTARNIO_WERROR=ON \
+                  $(CMAKE_FLAGS)
 configure: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DTARNIO_BUILD_BENCHMARKS=ON \
-	  -DTARNIO_WERROR=ON $(CMAKE_FLAGS) > /dev/null
+	@if [ "$$(cat $(BUILD)/configured-with 2>/dev/null)" != "$(strip $(CONFIGURE_FLAGS))" ]; then \
+	  cmake -S . -B $(BUILD) $(CONFIGURE_FLAGS) > /dev/null && \
+	  echo "$(strip $(CONFIGURE_FLAGS))" > $(BUILD)/configured-with; \
+	fi
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
@@ -59,9 +68,24 @@ sanitize: deps
 	cmake --build $(SANITIZE_BUILD) -j $(JOBS)
 	ctest --test-dir $(SANITIZE_BUILD) --output-on-failure -j $(JOBS)
 
+# Line and branch coverage of the library and the tool by the whole suite, from an unoptimised
+# build; the counters of an earlier run are cleared first, and a failing test does not stop the
+# report.
+coverage: deps
+	@cmake -S . -B $(COVERAGE_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS="--coverage -O0" \
+	  -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage \
+	  -DTARNIO_BUILD_BENCHMARKS=OFF -DTARNIO_BUILD_PYTHON=OFF -DTARNIO_WERROR=ON $(CMAKE_FLAGS) > /dev/null
+	cmake --build $(COVERAGE_BUILD) -j $(JOBS)
+	find $(COVERAGE_BUILD) -name '*.gcda' -delete
+	-ctest --test-dir $(COVERAGE_BUILD) --output-on-failure -j $(JOBS)
+	gcovr --root . --object-directory $(COVERAGE_BUILD) --filter 'tarnio/' --filter 'tools/tarn/' \
+	  --exclude '.*_test\.cc$$' --exclude 'tarnio/testing/' --exclude-unreachable-branches \
+	  --exclude-throw-branches --print-summary --txt $(COVERAGE_BUILD)/coverage.txt
+	@tail -n 3 $(COVERAGE_BUILD)/coverage.txt
+
 # Rewrites the sources in the project's format.
 format:
 	git ls-files '*.h' '*.cc' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(SANITIZE_BUILD)
+	rm -rf $(BUILD) $(SANITIZE_BUILD) $(COVERAGE_BUILD)

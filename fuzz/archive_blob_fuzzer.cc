@@ -9,81 +9,63 @@
 //   - the target directory is still there after a refused blob.
 
 #include <fmt/format.h>
-#include <stdlib.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <stdexcept>
 #include <string>
 
 #include "fuzz/fuzz_support.h"
 #include "tarnio/archive/blob.h"
+#include "tarnio/testing/temp_dir.h"
+#include "tarnio/testing/tree_files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using Tarn::testing::slurp_file;
+using Tarn::testing::spill_file;
 
 [[noreturn]] void fail(std::string_view what, std::string_view detail) {
   tarnio_fuzz::fail("archive_blob_fuzzer", what, detail);
 }
 
-std::string slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void spill(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
 class Scratch {
  public:
   Scratch() {
-    std::string pattern = (fs::temp_directory_path() / "archive-blob-fuzz-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) fail("no scratch directory", pattern);
-    root_ = pattern;
-    fs::create_directories(root_ / "outside_dir");
-    spill(root_ / "outside_file", "outside");
-    fs::create_directories(root_ / "target");
-    spill(root_ / "target/keep", "kept");
-    fs::create_symlink(root_ / "outside_file", root_ / "target/file");
-    fs::create_directory_symlink(root_ / "outside_dir", root_ / "target/dir");
+    fs::create_directories(dir_ / "outside_dir");
+    spill_file(dir_ / "outside_file", "outside");
+    spill_file(dir_ / "target/keep", "kept");
+    fs::create_symlink(dir_ / "outside_file", dir_ / "target/file");
+    fs::create_directory_symlink(dir_ / "outside_dir", dir_ / "target/dir");
   }
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
-  ~Scratch() {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
-  const fs::path& root() const { return root_; }
+  const fs::path& root() const { return dir_.path(); }
 
   void check_outside() const {
     std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(root_)) {
+    for (const auto& entry : fs::directory_iterator(dir_.path())) {
       names.insert(entry.path().filename().string());
     }
     if (names != std::set<std::string>{"outside_dir", "outside_file", "target"}) {
       fail("an entry landed beside the target", fmt::format("{}", fmt::join(names, ", ")));
     }
-    if (!fs::is_empty(root_ / "outside_dir")) fail("written through a directory link", "dir");
-    if (slurp(root_ / "outside_file") != "outside") fail("written through a file link", "file");
+    if (!fs::is_empty(dir_ / "outside_dir")) fail("written through a directory link", "dir");
+    if (slurp_file(dir_ / "outside_file") != "outside") fail("written through a file link", "file");
   }
 
   void check_target(bool names_keep) const {
-    for (const auto& entry : fs::recursive_directory_iterator(root_ / "target")) {
+    for (const auto& entry : fs::recursive_directory_iterator(dir_ / "target")) {
       if (entry.path().filename().string().starts_with(".klx-part-")) {
         fail("a temporary file was left", entry.path().string());
       }
     }
-    if (!names_keep && slurp(root_ / "target/keep") != "kept") fail("keep changed", "keep");
+    if (!names_keep && slurp_file(dir_ / "target/keep") != "kept") fail("keep changed", "keep");
   }
 
  private:
-  fs::path root_;
+  Tarn::testing::TempDir dir_;
 };
 
 }  // namespace

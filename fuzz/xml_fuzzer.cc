@@ -63,48 +63,26 @@ void check_refused(const JSON::Value& tree) {
   }
 }
 
-void check_round_trip(const JSON::Value& tree, int indent) {
-  std::string xml;
-  try {
-    xml = JSON::to_xml(tree, indent);
-  } catch (const std::runtime_error& error) {
-    fail("to_xml refused a tree that from_xml made",
-         std::string(error.what()) + "\n" + JSON::write(tree, 2));
-  }
-  JSON::Value again;
-  try {
-    again = JSON::from_xml(xml);
-  } catch (const std::runtime_error& error) {
-    fail("the written document does not read back", std::string(error.what()) + "\n" + xml);
-  }
-  if (!(again == tree)) {
-    fail("the written document reads back as another tree",
-         "tree:\n" + JSON::write(tree, 2) + "\nwrote:\n" + xml + "\nread back:\n" +
-             JSON::write(again, 2));
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  JSON::Value tree;
-  try {
-    tree = JSON::from_xml(text);
-  } catch (const std::runtime_error& error) {
-    if (!std::string_view(error.what()).starts_with("XML parse error at offset ")) {
-      fail("from_xml threw an undocumented message", error.what());
-    }
+  const auto read = [](std::string_view xml) { return JSON::from_xml(xml); };
+  const auto tree = tarnio_fuzz::read_or_refuse<std::runtime_error>("xml_fuzzer", text, read,
+                                                                    {"XML parse error at offset "});
+  if (!tree) return 0;
+  if (!tree->is_object() || tree->size() != 1 || !tree->members()[0].value().is_list() ||
+      tree->members()[0].value().size() != 1) {
+    fail("from_xml made a tree of another shape", JSON::write(*tree, 2));
+  }
+  if (holds_control_character(*tree)) {
+    check_refused(*tree);
     return 0;
   }
-  if (!tree.is_object() || tree.size() != 1 || !tree.members()[0].value().is_list() ||
-      tree.members()[0].value().size() != 1) {
-    fail("from_xml made a tree of another shape", JSON::write(tree, 2));
+  for (const int indent : {-1, 0, 2}) {
+    tarnio_fuzz::check_round_trip<std::runtime_error>(
+        "xml_fuzzer", *tree, [=](const JSON::Value& t) { return JSON::to_xml(t, indent); }, read,
+        [](const JSON::Value& t) { return JSON::write(t, 2); });
   }
-  if (holds_control_character(tree)) {
-    check_refused(tree);
-    return 0;
-  }
-  for (const int indent : {-1, 0, 2}) check_round_trip(tree, indent);
   return 0;
 }

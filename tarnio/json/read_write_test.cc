@@ -35,7 +35,7 @@ TEST(JsonReadWrite, TextsReadAndWriteBackCompact) {
   const std::pair<std::string_view, std::string_view> cases[] = {
       {"null", ""},
       {"true", ""},
-      {"[false,0,-1,1.5,-0.0,1.0,1e+20,5e-324,-1.7976931348623157e+308]", ""},
+      {"[false,0,-1,1.5,0.1,-0.0,1.0,1e+20,5e-324,-1.7976931348623157e+308]", ""},
       {R"({"z":1,"a":{"m":[],"b":{}},"":"x","A":2,"z ":3})", ""},
       {R"(["\"\\\b\f\n\r\t","\u0000\u001f","é😀/",")"
        "\x7f\xF4\x8F\xBF\xBF\"]",
@@ -71,19 +71,6 @@ TEST(JsonReadWrite, TextsReadAndWriteBackCompact) {
   EXPECT_EQ(write(value, 0), "{\n\"a\": [\n1,\n{},\n[]\n],\n\"b\": {\n\"c\": \"x\"\n}\n}");
 }
 
-TEST(JsonReadWrite, DoublesReadBackBitIdentical) {
-  std::mt19937_64 generator(20240611);
-  for (int i = 0; i < 20000; ++i) {
-    const double d = std::bit_cast<double>(generator());
-    if (!std::isfinite(d)) continue;
-    const Value back = read(write(Value(d)));
-    ASSERT_TRUE(back.is_double()) << write(Value(d));
-    EXPECT_EQ(std::bit_cast<std::uint64_t>(back.get_double()), std::bit_cast<std::uint64_t>(d))
-        << write(Value(d));
-  }
-  EXPECT_EQ(write(Value(0.1)), "0.1");
-}
-
 // A tree of every kind, with keys and strings that need escapes and multi-byte characters.
 Value random_tree(std::mt19937_64& random, int depth) {
   static constexpr std::string_view kPieces[] = {"a", "Z", "\"", "\\", "\n",   "\x01",
@@ -95,11 +82,13 @@ Value random_tree(std::mt19937_64& random, int depth) {
   };
   const auto kind = random() % (depth > 0 ? 8 : 6);
   if (kind < 6) {
+    // Any finite double: its shortest text must read back bit for bit.
+    const double bits = std::bit_cast<double>(random());
     const Value scalars[] = {Value(),
                              Value(random() % 2 == 0),
                              Value(static_cast<std::int64_t>(random())),
                              Value(random() | (std::uint64_t{1} << 63)),
-                             Value(std::bit_cast<double>(random() & ~(std::uint64_t{1} << 62))),
+                             Value(std::isfinite(bits) ? bits : 0.1),
                              Value(text())};
     return scalars[kind];
   }

@@ -73,8 +73,6 @@ TEST(JsonValue, NumbersKeepTheirRepresentationAndConvertExactlyOrSayWhy) {
   EXPECT_EQ(Value(std::uint64_t{5}).get_int64(), 5);
   EXPECT_EQ(Value(7).get_uint64(), 7u);
   EXPECT_EQ(Value(kUint64Max).get_double(), 0x1p64);
-  const char* names[] = {"null", "boolean", "number", "string", "list", "object"};
-  for (int k = 0; k < 6; ++k) EXPECT_STREQ(kind_name(static_cast<Kind>(k)), names[k]);
 
   const Value null_value;
   const Value pair = Value::list({1, 2});
@@ -165,7 +163,7 @@ TEST(JsonValue, ObjectLookupsAgreeWithMap) {
     ASSERT_EQ(keys_of(object), order);
     for (const auto& [k, number] : map) ASSERT_EQ(object.at(k).get_int64(), number) << k;
     for (int i = 0; i < 50; ++i) {
-      const std::string probe = key(130000);
+      const std::string probe = key(40000);
       ASSERT_EQ(object.contains(probe), map.contains(probe)) << probe;
     }
   };
@@ -177,8 +175,8 @@ TEST(JsonValue, ObjectLookupsAgreeWithMap) {
     erase(std::string(object.members()[random() % object.size()].key()));
     check();
   }
-  for (std::int64_t i = 0; i < 100000; ++i) set(key(120000), i);
-  for (int i = 0; i < 100; ++i) erase(key(120000));
+  for (std::int64_t i = 0; i < 30000; ++i) set(key(36000), i);
+  for (int i = 0; i < 100; ++i) erase(key(36000));
   check();
 }
 

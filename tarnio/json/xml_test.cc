@@ -19,18 +19,13 @@
 #include "tarnio/json/read_write.h"
 #include "tarnio/testing/expect_throw_message.h"
 #include "tarnio/testing/temp_dir.h"
+#include "tarnio/testing/tree_files.h"
 
 namespace JSON {
 namespace {
 
 const std::string kSamples = "tests/data/ome/samples/";
 const std::string kSchema = "tests/data/ome/schema/2016-06/";
-
-std::string read_text(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // One line per element (depth, name, attributes in order, trimmed text), in document order;
 // comments, processing instructions and white space between elements do not count.
@@ -126,7 +121,8 @@ TEST(FromXml, MalformedOrTooDeepXmlGivesTheOffset) {
                          "XML parse error at offset " + message + ".");
   }
   // Every truncation of a sample before its end is an error with an offset.
-  const std::string sample = read_text(kSamples + "single-image.ome.xml");
+  const std::string sample = Tarn::testing::slurp_file(kSamples + "single-image.ome.xml");
+  ASSERT_FALSE(sample.empty());
   for (std::size_t size = 0; size < sample.rfind('>'); size += 5) {
     try {
       from_xml(std::string_view(sample).substr(0, size));
@@ -213,7 +209,7 @@ TEST(OmeSamples, RoundTripAndValidateAsTheOriginalsDo) {
     const std::string name = entry.path().filename().string();
     if (!name.ends_with(".ome.xml")) continue;
     SCOPED_TRACE(name);
-    const std::string original = read_text(entry.path().string());
+    const std::string original = Tarn::testing::slurp_file(entry.path().string());
     const Value read = from_xml(original);
     const std::string written = to_xml(read);
     EXPECT_EQ(canonical(written), canonical(original));
@@ -231,7 +227,7 @@ TEST(OmeSamples, RoundTripAndValidateAsTheOriginalsDo) {
   for (const std::string& file : files) command += " " + file;
   (void)std::system((command + " > " + log + " 2>&1").c_str());
   std::map<std::string, std::string> verdicts;
-  std::istringstream lines(read_text(log));
+  std::istringstream lines(Tarn::testing::slurp_file(log));
   for (std::string line; std::getline(lines, line);) {
     for (const std::string& file : files) {
       for (const char* verdict : {" validates", " fails to validate"}) {
