@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -177,7 +178,12 @@ TEST(TarnTool, CommandsGiveTheirExitCodeOutputAndMessage) {
       {"write " + at("abcd.raw") + " --type uint8 --shape 4 " + at("abcd.raw"), 1, "tarn: "},
       // Appending needs an existing file and creates none.
       {"write " + f + " --append --type uint8 --shape 4 " + at("abcd.raw"), 1, "tarn: "},
+      // A pipe or device named as output stays what it is (checked below).
+      {"write " + at("pipe") + " --type uint8 --shape 4 " + at("abcd.raw"), 1,
+       "tarn: Could not create '" + at("pipe") + "': not a regular file.\n"},
+      {"compact " + one + " " + at("pipe"), 1, "tarn: Could not create '"},
   };
+  ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
   // Usage errors exit with 2 and make no file.
   for (const std::string& arguments :
        {"props " + in + " --to yaml", "props " + in + " --to xml --get a", "props " + in + " " + in,
@@ -205,6 +211,8 @@ TEST(TarnTool, CommandsGiveTheirExitCodeOutputAndMessage) {
     rows.push_back({command + at("none.tbf"), 1, "tarn: "});
   }
   expect_runs(rows);
+  struct stat pipe_status {};
+  EXPECT_TRUE(::stat(at("pipe").c_str(), &pipe_status) == 0 && S_ISFIFO(pipe_status.st_mode));
   EXPECT_FALSE(std::filesystem::exists(f));
   EXPECT_EQ(slurp(dir / "abcd.raw"), "abcd");
   // A failed read leaves no output file behind.

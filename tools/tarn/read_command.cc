@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -161,10 +162,13 @@ void run_read(const ReadOptions& options) {
       throw std::runtime_error(fmt::format("Could not write output: {}", std::strerror(errno)));
     }
   } catch (...) {
-    // A partial output would pass for the stack's samples; it goes.
+    // A partial output would pass for the stack's samples; it goes, unless it is a device or a
+    // pipe (-o /dev/null), which must stay.
+    struct stat output {};
+    const bool regular = ::fstat(fd, &output) == 0 && S_ISREG(output.st_mode);
     ::close(fd);
     std::error_code ignored;
-    std::filesystem::remove(options.output, ignored);
+    if (regular) std::filesystem::remove(options.output, ignored);
     throw;
   }
 }

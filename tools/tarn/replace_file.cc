@@ -34,6 +34,12 @@ void replace_file(const fs::path& target, const std::function<void(const fs::pat
   std::error_code ignored;
   // A symbolic link keeps pointing at the file it names.
   const fs::path file = fs::is_symlink(target, ignored) ? fs::weakly_canonical(target) : target;
+  // Renaming over a device or a pipe (/dev/null) would put a plain file in its place.
+  const fs::file_status existing = fs::status(file, ignored);
+  if (fs::exists(existing) && !fs::is_regular_file(existing)) {
+    throw std::runtime_error(
+        fmt::format("Could not create '{}': not a regular file.", target.string()));
+  }
   const fs::path temporary = temporary_beside(file);
   try {
     write(temporary);
