@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -155,15 +156,19 @@ void bind_file(py::module_& module) {
           "add_stack",
           [](const std::shared_ptr<OpenFile>& f, DataType type,
              const std::vector<std::uint64_t>& sizes, std::uint32_t compression,
-             std::uint32_t level) {
+             std::uint32_t level, std::uint64_t flush_block_size,
+             std::optional<std::uint64_t> chunk_samples) {
             return locked(*f, [&] {
               auto stack = f->file->add_stack(type, sizes);
               if (compression != 0)
                 stack->set_compression(static_cast<StackImp::Compression>(compression), level);
+              if (flush_block_size != 0) stack->set_flush_block_size(flush_block_size);
+              if (chunk_samples) stack->set_chunk_wise(true, *chunk_samples);
               return Stack{f, stack};
             });
           },
-          py::arg("type"), py::arg("sizes"), py::arg("compression"), py::arg("level"));
+          py::arg("type"), py::arg("sizes"), py::arg("compression"), py::arg("level"),
+          py::arg("flush_block_size"), py::arg("chunk_samples"));
 }
 
 void bind_stack(py::module_& module) {
@@ -189,6 +194,10 @@ void bind_stack(py::module_& module) {
           "units", [](const Stack& s) { return units_as_text(*s.stack); },
           [](Stack& s, const std::vector<std::string>& v) { set_units(*s.stack, v); })
       .def_property_readonly("tags", [](const Stack& s) { return tags_as_json(*s.stack); })
+      .def("set_tag",
+           [](Stack& s, const std::string& name, const std::string& json_text) {
+             s.stack->set_tag(name, JSON::read(json_text));
+           })
       .def_property_readonly(
           "compression",
           [](const Stack& s) { return static_cast<std::uint32_t>(s.stack->compression()); })

@@ -64,8 +64,10 @@ class Stack:
 
     @property
     def tags(self):
-        """The stack's tags as Python values of their JSON form."""
-        return {name: json.loads(text) for name, text in self._raw.tags.items()}
+        """The stack's tags as Python values of their JSON form; a tag may be set to any value
+        that JSON can hold until the stack's last sample is written (the tags are stored with
+        it)."""
+        return Tags(self._raw)
 
     def __len__(self):
         return self.shape[0] if self.ndim else 0
@@ -108,6 +110,30 @@ class Stack:
         self._raw.write(np.ascontiguousarray(samples), code)
         if self._raw.samples_written == self.size and not self._raw.committed:
             self._raw.commit()
+
+
+class Tags(collections.abc.MutableMapping):
+    """A stack's tags by name, each a Python value of its JSON form."""
+
+    def __init__(self, raw):
+        self._raw = raw
+
+    def __getitem__(self, name):
+        return json.loads(self._raw.tags[name])
+
+    def __setitem__(self, name, value):
+        if self._raw.committed:
+            raise ValueError("a stack's tags are set before its last sample is written")
+        self._raw.set_tag(name, json.dumps(value, allow_nan=False))
+
+    def __delitem__(self, name):
+        raise TypeError("tags cannot be removed")
+
+    def __iter__(self):
+        return iter(self._raw.tags)
+
+    def __len__(self):
+        return len(self._raw.tags)
 
 
 class Metadata(collections.abc.MutableMapping):
@@ -172,16 +198,20 @@ class File:
         return self._stacks[index]
 
     def add_stack(self, dtype, shape, compression="none", level=6, name="", description="",
-                  threads=None):
+                  threads=None, flush_block_size=None, chunk_samples=None):
         """A new stack behind the others, of numpy dtype (or type name) `dtype` and `shape`;
-        `threads` compress its data (all the file's stacks use the latest count)."""
+        `threads` compress its data (all the file's stacks use the latest count).
+        `flush_block_size` (bytes) sets how much plain data a compressed read inflates at
+        least; `chunk_samples` writes the stack chunk-wise, in chunks of that many elements
+        (0: one index of the slowest axis), each readable as soon as it is complete."""
         if compression not in _COMPRESSIONS:
             raise ValueError(f"compression must be 'none' or 'zlib', not {compression!r}")
         if threads is not None:
             self._raw.set_threads(threads)
         sizes = _reversed([int(n) for n in shape])
         stack = Stack(self._raw.add_stack(_types.code_of(dtype), sizes,
-                                          _COMPRESSIONS.index(compression), level))
+                                          _COMPRESSIONS.index(compression), level,
+                                          flush_block_size or 0, chunk_samples))
         stack.name, stack.description = name, description
         if stack.size == 0:
             stack._raw.commit()

@@ -19,10 +19,10 @@ def random_array(dtype, shape):
     return array
 
 
-def write_file(path, arrays, compression="none"):
+def write_file(path, arrays, compression="none", **layout):
     with tarnio.create(path, description="test") as f:
         for array in arrays:
-            f.add_stack(array.dtype, array.shape, compression=compression).write(array)
+            f.add_stack(array.dtype, array.shape, compression=compression, **layout).write(array)
 
 
 @pytest.mark.parametrize("compression", ["none", "zlib"])
@@ -74,16 +74,26 @@ def random_key(shape):
     return tuple(key)
 
 
-@pytest.mark.parametrize("compression,shape", [("none", (4, 6, 10, 9)), ("zlib", (5, 7, 11)),
-                                               ("zlib", (70, 260, 1000))])
-def test_slicing_matches_numpy(tmp_path, compression, shape):
+@pytest.mark.parametrize("compression,shape,layout", [
+    ("none", (4, 6, 10, 9), {}), ("zlib", (5, 7, 11), {}), ("zlib", (70, 260, 1000), {}),
+    ("zlib", (9, 30, 40), {"flush_block_size": 1000}),
+    ("zlib", (9, 30, 40), {"chunk_samples": 2400}), ("none", (7, 5, 6), {"chunk_samples": 0})])
+def test_slicing_matches_numpy(tmp_path, compression, shape, layout):
     array = RNG.integers(0, 60000, size=shape, dtype=np.uint16)
-    write_file(tmp_path / "s.tbf", [array], compression)
+    write_file(tmp_path / "s.tbf", [array], compression, **layout)
     with tarnio.open(tmp_path / "s.tbf") as f:
         stack = f.stacks[0]
+        assert stack.chunk_samples == layout.get("chunk_samples", 0) or \
+            layout.get("chunk_samples") == 0 and stack.chunk_samples == 30
         keys = [random_key(shape) for _ in range(60)] + [(1,), (-1, ..., 2), (..., None)]
         for key in keys:
-            np.testing.assert_array_equal(stack[key], array[key], err_msg=str(key))
+            try:
+                expected = array[key]
+            except IndexError:  # the stack refuses what numpy refuses
+                with pytest.raises(IndexError):
+                    stack[key]
+                continue
+            np.testing.assert_array_equal(stack[key], expected, err_msg=str(key))
 
 
 def test_appending_keeps_the_stacks_before(tmp_path):
@@ -93,15 +103,19 @@ def test_appending_keeps_the_stacks_before(tmp_path):
         f.metadata["note"] = "added"
         stack = f.add_stack(second.dtype, second.shape, name="second")
         stack.lengths, stack.labels, stack.units = [1.0, 2.0, 3.0], ["t", "y", "x"], ["s", "um", "um"]
+        stack.tags["before"] = {"exposure": [0.5, 2], "ok": True}
         for plane in second:
             stack.write(plane)
         assert stack.committed
+        with pytest.raises(ValueError, match="before its last sample"):
+            stack.tags["after"] = "written"
         f.add_stack(np.uint8, (5,)).write(np.zeros(2, np.uint8))  # unfinished: dropped
     with tarnio.open(tmp_path / "a.tbf") as f:
         assert [s.name for s in f.stacks] == ["", "second"] and f.metadata["note"] == "added"
         np.testing.assert_array_equal(f.stacks[0].read(), first)
         np.testing.assert_array_equal(f.stacks[1].read(), second)
         assert f.stacks[1].lengths == [1.0, 2.0, 3.0] and f.stacks[1].labels == ["t", "y", "x"]
+        assert dict(f.stacks[1].tags) == {"before": {"exposure": [0.5, 2], "ok": True}}
         assert [u.replace("µ", "u") for u in f.stacks[1].units] == ["1 s", "1 um", "1 um"]
 
 
