@@ -23,6 +23,7 @@
 #include "tarnio/arrays/region.h"
 #include "tarnio/bf/file_interface.h"
 #include "tarnio/json/read_write.h"
+#include "tarnio/ome/root.h"
 #include "tarnio/props/json.h"
 
 namespace py = pybind11;
@@ -146,6 +147,10 @@ void bind_file(py::module_& module) {
       .def("set_threads",
            [](OpenFile& f, std::uint64_t threads) {
              locked(f, [&] { f.file->set_threading_support({threads, {}}); });
+           })
+      .def("ome_json",
+           [](OpenFile& f) {
+             return locked(f, [&] { return JSON::write(f.file->get_OME_root().node()); });
            })
       .def("__len__", [](const OpenFile& f) { return f.file->number_of_stacks(); })
       .def("stack",

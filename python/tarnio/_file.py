@@ -189,6 +189,13 @@ class File:
         return Metadata(self._raw)
 
     @property
+    def ome(self):
+        """The file's OME metadata in its JSON form ({"OME": [{...}]}) as Python objects: an
+        image per described stack, with its pixels and channels. Raises ValueError with the
+        library's message when the file's OME-XML does not read."""
+        return json.loads(self._raw.ome_json())
+
+    @property
     def stacks(self):
         return tuple(self._stack(i) for i in range(len(self._raw)))
 

@@ -116,6 +116,9 @@ def test_appending_keeps_the_stacks_before(tmp_path):
         np.testing.assert_array_equal(f.stacks[1].read(), second)
         assert f.stacks[1].lengths == [1.0, 2.0, 3.0] and f.stacks[1].labels == ["t", "y", "x"]
         assert dict(f.stacks[1].tags) == {"before": {"exposure": [0.5, 2], "ok": True}}
+        images = f.ome["OME"][0]["Image"]  # every stack is described
+        assert [image["Pixels"][0]["SizeX"] for image in images] == [3, 2]
+        assert images[1]["Name"] == "second" and images[1]["Pixels"][0]["Type"] == "float"
         assert [u.replace("µ", "u") for u in f.stacks[1].units] == ["1 s", "1 um", "1 um"]
 
 

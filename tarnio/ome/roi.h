@@ -47,7 +47,6 @@ class TARNIO_EXPORT ROI : public ROI_Members<Element_with_ID<ROI>> {
  public:
   using ROI_Members<Element_with_ID<ROI>>::ROI_Members;
   static JSON::Array_of<ROI>* root_list(Root& root, bool provide);
-
 };
 
 }  // namespace OME
