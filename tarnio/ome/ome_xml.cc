@@ -165,8 +165,18 @@ std::string raw_xml(pugi::xml_node node) {
   return out.str();
 }
 
+// Thrown by a reader of a document parsed without its whitespace-only text, where that text
+// could have counted: the document is read again with it.
+struct Whitespace_Needed {};
+
 class Reader {
  public:
+  // `whitespace_kept`: whether the parse kept every text node of whitespace alone, or only
+  // those that are the only child of their element. Most documents are read faster with the
+  // latter; the others matter only in foreign XML, in unknown elements and in string text
+  // that stands beside child elements.
+  explicit Reader(bool whitespace_kept) : whitespace_kept_(whitespace_kept) {}
+
   JSON::Value element(pugi::xml_node node, const Element_Type& type) {
     if (text_only(type)) {
       return convert(type.text, node.child_value(), [&] { return path_of(node); });
@@ -175,6 +185,7 @@ class Reader {
     std::size_t attributes = 0;
     for (pugi::xml_attribute a = node.first_attribute(); a; a = a.next_attribute()) ++attributes;
     value.reserve(attributes + (node.first_child() ? 1 : 0));
+    const std::size_t attribute_count = attributes;
     // Attributes mostly come in schema order: each search starts after the last one found.
     // The parser lets an attribute repeat; the schema's are ticked off as they come, so that
     // they are appended without a search of the members, and others are looked for.
@@ -202,6 +213,7 @@ class Reader {
       next = known + 1;
     }
     if (type.any_content) {
+      if (!whitespace_kept_) throw Whitespace_Needed{};
       std::string xml;
       for (pugi::xml_node child : node.children()) xml += raw_xml(child);
       value.set(kXML, std::move(xml));
@@ -226,6 +238,7 @@ class Reader {
       if (last_slot == nullptr || name != last_name || value.size() != last_size) {
         const auto slot = children.find(name);
         if (slot == children.end()) {
+          if (!whitespace_kept_) throw Whitespace_Needed{};
           value[kAny].push_back(raw_xml(child));
           last_slot = nullptr;
           continue;
@@ -241,12 +254,19 @@ class Reader {
       if (child_type.name == kXMLAnnotation) internal::read_typed_annotation(item);
     }
     if (type.text.type != Value_Type::none) {
+      if (!whitespace_kept_ && type.text.type == Value_Type::string &&
+          value.size() > attribute_count) {
+        throw Whitespace_Needed{};
+      }
       value.set(kText, convert(type.text, text, [&] { return path_of(node); }));
     } else if (!trim(text).empty()) {
       value.set(kText, text);
     }
     return value;
   }
+
+ private:
+  bool whitespace_kept_;
 };
 
 void check_namespace(pugi::xml_node root) {
@@ -480,10 +500,13 @@ const Element_Type* internal::find_element_type(std::string_view element,
   return nullptr;
 }
 
-JSON::Value read_OME_XML(std::string_view xml) {
+namespace {
+
+JSON::Value read_parsed(std::string_view xml, bool keep_whitespace) {
   pugi::xml_document document;
-  const pugi::xml_parse_result parsed =
-      document.load_buffer(xml.data(), xml.size(), pugi::parse_default | pugi::parse_ws_pcdata);
+  const unsigned options = pugi::parse_default |
+                           (keep_whitespace ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single);
+  const pugi::xml_parse_result parsed = document.load_buffer(xml.data(), xml.size(), options);
   if (!parsed) {
     throw Invalid_Data(
         fmt::format("OME-XML parse error at offset {}: {}.", parsed.offset, parsed.description()));
@@ -493,8 +516,20 @@ JSON::Value read_OME_XML(std::string_view xml) {
   check_namespace(root);
   const JSON::internal::ArenaScope arena;
   JSON::Value tree = JSON::Value::object();
-  tree["OME"].push_back(Reader().element(root, type_at(0)));
+  tree["OME"].push_back(Reader(keep_whitespace).element(root, type_at(0)));
   return tree;
+}
+
+}  // namespace
+
+JSON::Value read_OME_XML(std::string_view xml) {
+  try {
+    return read_parsed(xml, false);
+  } catch (const Whitespace_Needed&) {
+  } catch (const Invalid_Data&) {
+    // Refusals are reported from the exact reading, with the text as it stands.
+  }
+  return read_parsed(xml, true);
 }
 
 std::string write_OME_XML(const JSON::Value& document) {

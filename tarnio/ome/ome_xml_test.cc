@@ -134,6 +134,28 @@ TEST(OmeXmlTest, ValuesAreTypedByTheSchema) {
   EXPECT_EQ(read_OME_XML(xml), tree);
 }
 
+// Whitespace alone can be a value; documents with and without foreign content are read by
+// different parses, which must agree.
+TEST(OmeXmlTest, WhitespaceValuesAreKept) {
+  for (const std::string_view foreign : {"", "<Future>\n  <Level/>\n</Future>"}) {
+    const JSON::Value tree = read_OME_XML(fmt::format(
+        R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">
+      <Image ID="Image:0"><Description>  </Description>{}</Image><StructuredAnnotations>
+      <MapAnnotation ID="Annotation:0"><Value><M K="k"> </M><M K="e"></M></Value>
+      </MapAnnotation></StructuredAnnotations></OME>)",
+        foreign));
+    const JSON::Value& ome = tree.at("OME")[0];
+    EXPECT_EQ(ome.at_path("Image[0].Description[0]"), JSON::Value("  ")) << foreign;
+    const JSON::Value& map = ome.at_path("StructuredAnnotations[0].Annotation[0].Value[0].M");
+    EXPECT_EQ(map[0].at("#text"), JSON::Value(" ")) << foreign;
+    EXPECT_EQ(map[1].at("#text"), JSON::Value("")) << foreign;
+    if (!foreign.empty()) {
+      EXPECT_EQ(ome.at_path("Image[0].#any[0]"), JSON::Value(foreign));
+    }
+    EXPECT_EQ(read_OME_XML(write_OME_XML(tree)), tree);
+  }
+}
+
 TEST(OmeXmlTest, QuantitiesTakeTheirUnitOrTheSchemasDefault) {
   Root root;
   root.read_XML(R"(<OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">
