@@ -112,11 +112,34 @@ class Stack:
             self._raw.commit()
 
 
-class Tags(collections.abc.MutableMapping):
-    """A stack's tags by name, each a Python value of its JSON form."""
+class _AddOnlyMapping(collections.abc.MutableMapping):
+    """Entries by name that can be added or replaced, but not removed."""
+
+    _not_removable = "entries cannot be removed"
 
     def __init__(self, raw):
         self._raw = raw
+
+    def _entries(self):
+        raise NotImplementedError
+
+    def __delitem__(self, key):
+        raise TypeError(self._not_removable)
+
+    def __iter__(self):
+        return iter(self._entries())
+
+    def __len__(self):
+        return len(self._entries())
+
+
+class Tags(_AddOnlyMapping):
+    """A stack's tags by name, each a Python value of its JSON form."""
+
+    _not_removable = "tags cannot be removed"
+
+    def _entries(self):
+        return self._raw.tags
 
     def __getitem__(self, name):
         return json.loads(self._raw.tags[name])
@@ -126,37 +149,21 @@ class Tags(collections.abc.MutableMapping):
             raise ValueError("a stack's tags are set before its last sample is written")
         self._raw.set_tag(name, json.dumps(value, allow_nan=False))
 
-    def __delitem__(self, name):
-        raise TypeError("tags cannot be removed")
 
-    def __iter__(self):
-        return iter(self._raw.tags)
-
-    def __len__(self):
-        return len(self._raw.tags)
-
-
-class Metadata(collections.abc.MutableMapping):
+class Metadata(_AddOnlyMapping):
     """The file's metadata entries (text by name); entries are added or replaced while the
     file is writable, and written when it closes."""
 
-    def __init__(self, raw):
-        self._raw = raw
+    _not_removable = "metadata entries cannot be removed"
+
+    def _entries(self):
+        return self._raw.metadata
 
     def __getitem__(self, key):
         return self._raw.metadata[key]
 
     def __setitem__(self, key, value):
         self._raw.set_metadata(key, value)
-
-    def __delitem__(self, key):
-        raise TypeError("metadata entries cannot be removed")
-
-    def __iter__(self):
-        return iter(self._raw.metadata)
-
-    def __len__(self):
-        return len(self._raw.metadata)
 
 
 class File:

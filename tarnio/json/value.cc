@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "tarnio/json/internal/arena.h"
+#include "tarnio/strings/internal/same_name.h"
 
 namespace JSON {
 
@@ -92,11 +93,7 @@ struct ListBlock : std::vector<Value, BlockAllocator<Value>> {
   internal::Arena* arena;
 };
 
-// Keys of one object often differ only in their last byte (SizeX, SizeY), which is compared
-// before the rest.
-bool same_key(std::string_view a, std::string_view b) noexcept {
-  return a.size() == b.size() && (a.empty() || (a.back() == b.back() && a == b));
-}
+using Tarn::strings::internal::same_name;
 
 std::size_t hash_key(std::string_view key) noexcept { return std::hash<std::string_view>{}(key); }
 
@@ -119,14 +116,14 @@ struct ObjectBlock {
   std::size_t find(std::string_view key) const noexcept {
     if (slots.empty()) {
       const auto it = std::find_if(members.begin(), members.end(),
-                                   [key](const Member& m) { return same_key(m.key(), key); });
+                                   [key](const Member& m) { return same_name(m.key(), key); });
       return static_cast<std::size_t>(it - members.begin());
     }
     const std::size_t mask = slots.size() - 1;
     for (std::size_t slot = hash_key(key) & mask;; slot = (slot + 1) & mask) {
       const std::uint32_t entry = slots[slot];
       if (entry == 0) return members.size();
-      if (same_key(members[entry - 1].key(), key)) return entry - 1;
+      if (same_name(members[entry - 1].key(), key)) return entry - 1;
     }
   }
 

@@ -21,6 +21,7 @@
 #include "tarnio/ome/errors.h"
 #include "tarnio/ome/internal/schema.h"
 #include "tarnio/ome/internal/typed_annotations.h"
+#include "tarnio/strings/internal/same_name.h"
 #include "tarnio/strings/internal/xml_escape.h"
 
 namespace OME {
@@ -69,11 +70,7 @@ bool text_only(const Element_Type& type) {
          type.text.type != Value_Type::none;
 }
 
-// Names of one element often differ only in their last letter (SizeX, SizeY), which is
-// compared first.
-bool same_name(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && (a.empty() || (a.back() == b.back() && a == b));
-}
+using Tarn::strings::internal::same_name;
 
 std::string_view local_name(std::string_view name) {
   const auto colon = name.find(':');
